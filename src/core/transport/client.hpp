@@ -1,0 +1,32 @@
+// Base of every byte transport: owns the received stream and its splitter.
+//
+// Thread contract: the reader thread appends and splits; other threads (a script inspecting the
+// stream) go through the same mutex, which is never held across a blocking read.
+#pragma once
+
+#include <mutex>
+
+#include "wire/splitter.hpp"
+
+namespace torvik::transport {
+
+class Client {
+public:
+    Client() = default;
+    Client(const Client&) = delete;
+    Client& operator=(const Client&) = delete;
+    virtual ~Client() = default;
+
+    // Runs fn(splitter) under the stream's mutex.
+    template <typename Fn>
+    decltype(auto) withStream(Fn&& fn) {
+        std::lock_guard lock(stream_mutex_);
+        return fn(splitter_);
+    }
+
+private:
+    std::mutex stream_mutex_;
+    wire::FrameSplitter splitter_;  // guarded by stream_mutex_
+};
+
+}  // namespace torvik::transport

@@ -1,0 +1,270 @@
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "wire/splitter.hpp"
+
+using torvik::wire::FrameSplitter;
+using torvik::wire::Packet;
+using Bytes = std::vector<std::uint8_t>;
+
+namespace {
+
+// A literal transcription of the framing algorithm, copies and all: the model the engine's
+// splitter must agree with on every stream.
+struct ReferenceSplitter {
+    std::string stream;
+    long long last_index = 0;
+
+    static long long find(const std::string& s, const std::string& sub, long long start) {
+        const long long n = static_cast<long long>(s.size());
+        if (start < 0) start = std::max(start + n, 0LL);
+        if (start > n) return -1;
+        auto pos = s.find(sub, static_cast<std::size_t>(start));
+        return pos == std::string::npos ? -1 : static_cast<long long>(pos);
+    }
+
+    std::vector<Packet> split() {
+        std::vector<Packet> packets;
+        if (stream.size() < 1) return packets;
+        const std::string stx(1, '\x02'), crlf("\r\n");
+        for (;;) {
+            long long crlf_index = find(stream, crlf, last_index);
+            if (crlf_index < 0) return packets;
+            std::string reversed(stream.rend() - crlf_index - 1, stream.rend());
+            long long r = 0, stx_index = -1;
+            for (;;) {
+                r = find(reversed, stx, r);
+                if (r < 0) break;
+                stx_index = static_cast<long long>(reversed.size()) - 1 - r;
+                long long from_index = crlf_index - stx_index - 3;
+                auto hi = static_cast<std::uint8_t>(stream[stx_index + 1]);
+                auto lo = static_cast<std::uint8_t>(stream[stx_index + 2]);
+                long long nominal = static_cast<std::int16_t>((hi << 8) | lo);
+                if (from_index == nominal) break;
+                r += 1;
+            }
+            if (r < 0) {
+                last_index = crlf_index + 1;
+                continue;
+            }
+            long long cmd_index = stx_index + 3;
+            Packet p;
+            auto byte = [&](long long i) { return static_cast<std::uint8_t>(stream[i]); };
+            long long data_from;
+            if (byte(cmd_index) > 48) {
+                p.cmd = byte(cmd_index);
+                data_from = cmd_index + 1;
+            } else {
+                p.cmd = (byte(cmd_index) << 8) | byte(cmd_index + 1);
+                data_from = cmd_index + 2;
+            }
+            for (long long i = data_from; i < crlf_index; ++i) p.data.push_back(byte(i));
+            packets.push_back(p);
+            stream = stream.substr(crlf_index + 2);
+            last_index = 0;
+        }
+    }
+};
+
+Bytes frame(std::uint32_t cmd, const Bytes& payload, int length_adjust = 0) {
+    const bool two = cmd > 0xFF;
+    const int length = static_cast<int>(payload.size()) + (two ? 2 : 1) + length_adjust;
+    Bytes f{0x02, static_cast<std::uint8_t>(length >> 8), static_cast<std::uint8_t>(length)};
+    if (two) f.push_back(static_cast<std::uint8_t>(cmd >> 8));
+    f.push_back(static_cast<std::uint8_t>(cmd));
+    f.insert(f.end(), payload.begin(), payload.end());
+    f.push_back(0x0D);
+    f.push_back(0x0A);
+    return f;
+}
+
+Bytes cat(std::initializer_list<Bytes> parts) {
+    Bytes out;
+    for (const auto& p : parts) out.insert(out.end(), p.begin(), p.end());
+    return out;
+}
+
+std::vector<Packet> splitAll(FrameSplitter& s, const Bytes& bytes) {
+    s.append(bytes);
+    return s.split();
+}
+
+Bytes streamOf(const FrameSplitter& s) { return Bytes(s.stream().begin(), s.stream().end()); }
+
+}  // namespace
+
+TEST(Splitter, FramesWithEmbeddedStartAndTerminatorBytes) {
+    FrameSplitter s;
+    Bytes payload{0x02, 0x0D, 0x0A, 0x02, 0x00, 0x0D, 0x0A, 0x41};
+    auto packets = splitAll(s, cat({frame(0xF0, payload), frame(0x2049, {1, 2})}));
+    ASSERT_EQ(packets.size(), 2u);
+    EXPECT_EQ(packets[0], (Packet{0xF0, payload}));
+    EXPECT_EQ(packets[1], (Packet{0x2049, {1, 2}}));
+    EXPECT_TRUE(s.stream().empty());
+    EXPECT_EQ(s.lastIndex(), 0);
+}
+
+TEST(Splitter, TornAtEveryByteIsRecognisedExactlyOnce) {
+    Bytes f = frame(0xB5, {0x0D, 0x0A, 0x02, 7});
+    for (std::size_t cut = 0; cut <= f.size(); ++cut) {
+        FrameSplitter s;
+        auto first = splitAll(s, Bytes(f.begin(), f.begin() + cut));
+        auto second = splitAll(s, Bytes(f.begin() + cut, f.end()));
+        EXPECT_EQ(first.size() + second.size(), 1u) << "cut " << cut;
+        EXPECT_TRUE(s.stream().empty());
+    }
+}
+
+TEST(Splitter, GarbageInFrontIsDroppedGarbageBehindStays) {
+    FrameSplitter s;
+    auto packets = splitAll(s, cat({{0x02, 0x55, 0x0D, 0x0A, 9}, frame(0xF1, {3}), {0x02, 0x00}}));
+    ASSERT_EQ(packets.size(), 1u);
+    EXPECT_EQ(packets[0], (Packet{0xF1, {3}}));
+    EXPECT_EQ(streamOf(s), (Bytes{0x02, 0x00}));
+}
+
+TEST(Splitter, MisfitLengthWaitsBehindLastIndexUntilTheNextGoodFrame) {
+    FrameSplitter s;
+    Bytes bad = frame(0xF1, {3}, +1);
+    EXPECT_TRUE(splitAll(s, bad).empty());
+    EXPECT_EQ(streamOf(s), bad);
+    EXPECT_EQ(s.lastIndex(), static_cast<long long>(bad.size()) - 1);
+    EXPECT_EQ(splitAll(s, frame(0xF2, {})).size(), 1u);
+    EXPECT_TRUE(s.stream().empty());
+}
+
+TEST(Splitter, ShortFramesAndTwoByteCodeRule) {
+    struct Case {
+        Bytes in;
+        Packet out;
+    } cases[] = {
+        {{0x02, 0x00, 0x00, 0x0D, 0x0A}, {0x0D0A, {}}},
+        {{0x02, 0x00, 0x03, 0x30, 0x01, 0x00, 0x0D, 0x0A}, {0x3001, {0x00}}},
+        {{0x02, 0x00, 0x01, 0x20, 0x0D, 0x0A}, {0x200D, {}}},
+        {{0x02, 0x00, 0x01, 0x31, 0x0D, 0x0A}, {0x31, {}}},
+        {{0x02, 0x00, 0x02, 0x00, 0x30, 0x0D, 0x0A}, {0x30, {}}},
+    };
+    for (const auto& c : cases) {
+        FrameSplitter s;
+        auto packets = splitAll(s, c.in);
+        ASSERT_EQ(packets.size(), 1u);
+        EXPECT_EQ(packets[0], c.out);
+    }
+}
+
+TEST(Splitter, NegativeLengthNeverMatchesAndLongestFrameDoes) {
+    FrameSplitter s;
+    Bytes neg{0x02, 0x80, 0x00, 0xF0, 0x0D, 0x0A};
+    EXPECT_TRUE(splitAll(s, neg).empty());
+    Bytes big(32766, 0xFF);  // start bytes all through the payload, each tried first and refused
+    for (std::size_t i = 0; i < big.size(); i += 2) big[i] = 0x02;
+    auto packets = splitAll(s, frame(0xF0, big));
+    ASSERT_EQ(packets.size(), 1u);
+    EXPECT_EQ(packets[0].data.size(), 32766u);
+    EXPECT_TRUE(s.stream().empty());
+}
+
+TEST(Splitter, StateWrittenFromOutsideBehavesLikeAPlainRescan) {
+    FrameSplitter s;
+    ReferenceSplitter r;
+    Bytes f = frame(0xF5, {1, 2, 3});
+    s.setStream(f);
+    r.stream.assign(f.begin(), f.end());
+    for (long long li : {100LL, static_cast<long long>(f.size()), -2LL, -100LL, 4LL}) {
+        s.setLastIndex(li);
+        r.last_index = li;
+        EXPECT_EQ(s.split(), r.split()) << li;
+        EXPECT_EQ(s.lastIndex(), r.last_index);
+    }
+}
+
+// Random streams of frames, near-frames and noise, cut at random points and fed read by read to
+// both splitters: every read must give the same packets and leave the same state.
+TEST(Splitter, AgreesWithTheReferenceOnRandomStreams) {
+    std::mt19937_64 rng(20261123);
+    auto pick = [&](int n) { return static_cast<int>(rng() % static_cast<std::uint64_t>(n)); };
+    const std::uint8_t interesting[] = {0x02, 0x0D, 0x0A, 0x00, 0x30, 0x31, 0x80, 0xFF};
+    auto randomByte = [&]() -> std::uint8_t { return pick(3) == 0 ? interesting[pick(8)] : static_cast<std::uint8_t>(rng()); };
+    const int streams = 300000;
+    long long packets_seen = 0;
+    for (int t = 0; t < streams; ++t) {
+        Bytes stream;
+        const int pieces = 1 + pick(5);
+        for (int p = 0; p < pieces; ++p) {
+            Bytes payload(pick(12));
+            for (auto& b : payload) b = randomByte();
+            switch (pick(4)) {
+                case 0: {  // noise
+                    for (int i = 0, n = pick(8); i < n; ++i) stream.push_back(randomByte());
+                    break;
+                }
+                case 1: {  // frame with a length that may be off by one either way
+                    Bytes f = frame(pick(2) ? 0x31 + pick(0xCF) : 0x1B00 + pick(0x600), payload, pick(3) - 1);
+                    stream.insert(stream.end(), f.begin(), f.end());
+                    break;
+                }
+                default: {  // good frame, possibly torn by dropping a byte
+                    Bytes f = frame(pick(4) ? 0x40 + pick(0xC0) : 0x2048 + pick(16), payload);
+                    if (pick(6) == 0) f.erase(f.begin() + pick(static_cast<int>(f.size())));
+                    stream.insert(stream.end(), f.begin(), f.end());
+                }
+            }
+        }
+        FrameSplitter s;
+        ReferenceSplitter r;
+        std::size_t pos = 0;
+        while (pos < stream.size()) {
+            std::size_t n = std::min(stream.size() - pos, static_cast<std::size_t>(1 + pick(pick(2) ? 4 : 40)));
+            s.append({stream.data() + pos, n});
+            r.stream.append(reinterpret_cast<const char*>(stream.data() + pos), n);
+            pos += n;
+            if (pick(50) == 0) {  // a script moving the search start
+                long long li = pick(static_cast<int>(r.stream.size()) + 3) - 1;
+                s.setLastIndex(li);
+                r.last_index = li;
+            }
+            auto got = s.split();
+            auto want = r.split();
+            packets_seen += static_cast<long long>(want.size());
+            ASSERT_EQ(got, want) << "stream " << t;
+            ASSERT_EQ(streamOf(s), Bytes(r.stream.begin(), r.stream.end())) << "stream " << t;
+            ASSERT_EQ(s.lastIndex(), r.last_index) << "stream " << t;
+        }
+    }
+    EXPECT_GT(packets_seen, streams / 2);
+}
+
+// Long runs of noise: the bounded backward reach and the buffer compaction must not change
+// outcomes.
+TEST(Splitter, AgreesWithTheReferenceOnLongNoisyStreams) {
+    std::mt19937_64 rng(7);
+    for (int t = 0; t < 6; ++t) {
+        Bytes stream;
+        while (stream.size() < 150000) {
+            if (rng() % 3 == 0) {
+                Bytes payload(rng() % 40000);
+                for (auto& b : payload) b = static_cast<std::uint8_t>(rng() % 7 == 0 ? 0x02 : rng());
+                Bytes f = frame(0xB7, payload);
+                stream.insert(stream.end(), f.begin(), f.end());
+            } else {
+                for (int i = 0, n = static_cast<int>(rng() % 5000); i < n; ++i)
+                    stream.push_back(rng() % 50 == 0 ? 0x0D : rng() % 50 == 0 ? 0x0A : static_cast<std::uint8_t>(rng()));
+            }
+        }
+        FrameSplitter s;
+        ReferenceSplitter r;
+        for (std::size_t pos = 0; pos < stream.size();) {
+            std::size_t n = std::min<std::size_t>(stream.size() - pos, 1 + rng() % 9606);
+            s.append({stream.data() + pos, n});
+            r.stream.append(reinterpret_cast<const char*>(stream.data() + pos), n);
+            pos += n;
+            ASSERT_EQ(s.split(), r.split());
+            ASSERT_EQ(s.lastIndex(), r.last_index);
+        }
+        ASSERT_EQ(streamOf(s), Bytes(r.stream.begin(), r.stream.end()));
+    }
+}
