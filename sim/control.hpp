@@ -1,0 +1,96 @@
+// The control channel: a Unix stream socket on which tests steer the emulator, one request line,
+// one response line ("ok ..." or "err <reason>"). Any number of clients; each client's lines are
+// answered in order, and a "wait" holds back that client's later lines until it is answered.
+//
+// SEL picks a unit: its serial number, its address (if no other unit shares it), or ADDR:CMDPORT.
+// CODE is a command name (GET_DRIVER_INFO), a decimal number, or 0x-hex. HEX is hex digits, "-" for
+// none. CHAN is cmd or data (default cmd). SECONDS may have a fraction.
+//
+//   ping                               ok
+//   units                              ok <unit>;<unit>...   each as in the ready lines, no "unit "
+//   reply SEL CODE HEX                 answer CODE with this payload instead of the firmware's
+//   reply SEL CODE none                do not answer CODE
+//   reply SEL CODE default             the firmware answers CODE again
+//   status SEL BYTE next=N             the next N replies carry BYTE at index 1 (firmware status)
+//   status SEL BYTE code=CODE          every reply to CODE carries BYTE at index 1
+//   status SEL clear                   both of the above off
+//   delay SEL SECONDS next=N           hold each of the next N replies back so long
+//   delay SEL SECONDS                  hold every reply back so long (0: off)
+//   drop SEL N                         drop the next N replies
+//   dup SEL N                          send each of the next N replies twice
+//   send SEL CHAN HEX                  write raw bytes now on the newest link of CHAN
+//   frame SEL CHAN CODE HEX            write one well-formed unit frame now
+//   shutdown SEL [CHAN|both]           FIN on every link of CHAN; they stay open for reading
+//   reset SEL [CHAN|both]              RST on every link of CHAN
+//   silent SEL                         hear requests (they are logged) but do not act or answer
+//   resume SEL                         act and answer again
+//   clear SEL                          every fault and scripted reply off (the log stays)
+//   log SEL                            ok [{"t":S,"conn":"cmd","link":N,"code":N,"data":"HEX"},...]
+//   clearlog SEL                       empty the traffic log
+//   stats SEL                          ok cmd.accepted=N cmd.open=N data.accepted=N data.open=N
+//                                         frames=N replies=N dropped=N lost=N junk=N
+//   wait SEL open [CHAN] [timeout=S]           a link of CHAN is open (connected or half-closed)
+//   wait SEL closed [CHAN] [timeout=S]         no link of CHAN is open
+//   wait SEL accepted N [CHAN] [timeout=S]     N links of CHAN have been accepted in all
+//   wait SEL frames N [code=CODE] [timeout=S]  the log holds N frames (of CODE)
+//                                     waits answer "ok" at once if true, else when it comes true,
+//                                     or "err timeout" (default timeout 5 s)
+//
+// Counters in "next=N", drop and dup count replies on their way out; a dropped reply is not counted
+// by the others. Setting one again replaces its count.
+#pragma once
+
+#include <list>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "event_loop.hpp"
+#include "unit.hpp"
+
+namespace sim {
+
+class ControlServer {
+public:
+    ControlServer(EventLoop& loop, std::vector<std::unique_ptr<Unit>>& units);
+    ~ControlServer();
+    ControlServer(const ControlServer&) = delete;
+    ControlServer& operator=(const ControlServer&) = delete;
+
+    // Binds and listens at `path`, which must not exist yet; removed again at destruction.
+    void listen(const std::string& path);
+
+private:
+    struct Client {
+        int fd = -1;
+        std::string in, out;
+        bool waiting = false;
+    };
+    struct Waiter {
+        Client* client;
+        std::function<bool()> done;
+        EventLoop::TimerId timer;
+    };
+
+    void onAccept();
+    void onClient(Client* client, std::uint32_t events);
+    void process(Client* client);
+    void respond(Client* client, const std::string& line);
+    void flush(Client* client);
+    void drop(Client* client);
+    void recheck();
+    void finishWait(std::list<Waiter>::iterator it, const std::string& line);
+
+    // The response line, or nothing if a wait now stands for it.
+    std::optional<std::string> execute(Client* client, const std::string& line);
+
+    EventLoop& loop_;
+    std::vector<std::unique_ptr<Unit>>& units_;
+    std::string path_;
+    int fd_ = -1;
+    std::list<std::unique_ptr<Client>> clients_;
+    std::list<Waiter> waiters_;
+};
+
+}  // namespace sim

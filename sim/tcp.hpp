@@ -1,0 +1,82 @@
+// TCP transport: a listening port of a unit and the connections it accepts. Any number of hosts may
+// connect; each accepted connection is a Link. A host that reconnects after a disconnect simply
+// makes the next link.
+#pragma once
+
+#include <netinet/in.h>
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "bytes.hpp"
+#include "event_loop.hpp"
+#include "link.hpp"
+
+namespace sim {
+
+class TcpPort;
+
+class TcpConnection final : public Link {
+public:
+    TcpConnection(TcpPort& port, int fd, std::uint64_t id);
+    ~TcpConnection() override;
+
+    std::uint64_t id() const override { return id_; }
+    Channel channel() const override;
+    bool writable() const override { return fd_ >= 0 && !finishing_; }
+    void send(std::span<const std::uint8_t> bytes) override;
+    void finish() override;
+    void abort() override;
+
+    bool closed() const { return fd_ < 0; }
+
+private:
+    void onEvents(std::uint32_t events);
+    void flush();
+    void updateInterest();
+    void closeNow(bool reset);
+
+    TcpPort& port_;
+    int fd_;
+    std::uint64_t id_;
+    Bytes out_;              // queued bytes not yet taken by the kernel
+    bool finishing_ = false; // FIN once out_ is empty
+    bool finished_ = false;  // FIN sent
+};
+
+class TcpPort {
+public:
+    TcpPort(EventLoop& loop, Channel channel, LinkEvents& events);
+    ~TcpPort();
+    TcpPort(const TcpPort&) = delete;
+    TcpPort& operator=(const TcpPort&) = delete;
+
+    // Binds and listens; port 0 lets the system choose. Throws std::system_error.
+    void listen(const in_addr& addr, std::uint16_t port);
+    std::uint16_t port() const { return port_; }
+    Channel channel() const { return channel_; }
+
+    Link* find(std::uint64_t id) const;
+    // The most recently accepted link that can still send, or none.
+    Link* newest() const;
+    std::vector<Link*> links() const;  // every link not yet closed, oldest first
+
+    std::uint64_t accepted() const { return accepted_; }
+    std::size_t open() const { return conns_.size(); }
+
+private:
+    friend class TcpConnection;
+    void onAccept();
+    void connectionClosed(TcpConnection& conn);
+
+    EventLoop& loop_;
+    Channel channel_;
+    LinkEvents& events_;
+    int fd_ = -1;
+    std::uint16_t port_ = 0;
+    std::uint64_t accepted_ = 0;
+    std::vector<std::unique_ptr<TcpConnection>> conns_;  // open ones, oldest first
+};
+
+}  // namespace sim

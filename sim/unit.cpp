@@ -1,0 +1,136 @@
+#include "unit.hpp"
+
+#include <algorithm>
+
+namespace sim {
+
+Unit::Unit(EventLoop& loop, UnitConfig config, Clock::time_point epoch)
+    : loop_(loop),
+      config_(std::move(config)),
+      firmware_(makeFirmware(*config_.product)),
+      log_(epoch),
+      cmd_(loop, Channel::Cmd, *this) {
+    if (config_.product->link == torvik::products::Link::Wifi)
+        data_ = std::make_unique<TcpPort>(loop, Channel::Data, *this);
+}
+
+Unit::~Unit() {
+    if (outbox_timer_) loop_.cancel(outbox_timer_);
+    on_change = nullptr;
+}
+
+void Unit::listen() {
+    cmd_.listen(config_.addr, config_.cmd_port);
+    if (data_) data_->listen(config_.addr, config_.data_port);
+}
+
+std::string Unit::describe() const {
+    std::string s(className());
+    s += ' ' + config_.addr_text + " cmd=" + std::to_string(cmdPort());
+    s += " data=" + (data_ ? std::to_string(dataPort()) : std::string("-"));
+    s += " serial=" + config_.serial;
+    return s;
+}
+
+std::size_t Unit::junk() const {
+    std::size_t n = junk_of_closed_;
+    for (const auto& [link, parser] : parsers_) n += parser.junk();
+    return n;
+}
+
+TcpPort* Unit::port(Channel channel) { return channel == Channel::Cmd ? &cmd_ : data_.get(); }
+
+bool Unit::writeNow(Channel channel, std::span<const std::uint8_t> bytes) {
+    TcpPort* p = port(channel);
+    Link* link = p ? p->newest() : nullptr;
+    if (!link) return false;
+    link->send(bytes);
+    return true;
+}
+
+std::size_t Unit::finish(Channel channel) {
+    TcpPort* p = port(channel);
+    if (!p) return 0;
+    auto links = p->links();
+    for (Link* l : links) l->finish();
+    return links.size();
+}
+
+std::size_t Unit::abort(Channel channel) {
+    TcpPort* p = port(channel);
+    if (!p) return 0;
+    auto links = p->links();
+    for (Link* l : links) l->abort();
+    return links.size();
+}
+
+void Unit::linkOpened(Link& link) {
+    parsers_.try_emplace(&link);
+    changed();
+}
+
+void Unit::linkClosed(Link& link) {
+    if (auto it = parsers_.find(&link); it != parsers_.end()) {
+        junk_of_closed_ += it->second.junk();
+        parsers_.erase(it);
+    }
+    changed();
+}
+
+void Unit::linkReceived(Link& link, std::span<const std::uint8_t> bytes) {
+    auto frames = parsers_[&link].feed(bytes);
+    for (auto& frame : frames) {
+        ++counters_.frames;
+        log_.add(link.channel(), link.id(), frame);
+        // A silent unit hears but does not act, as a hung firmware would.
+        if (faults_.silent()) continue;
+        if (const auto* scripted = faults_.scripted(frame.code)) {
+            if (*scripted) queueReply(link, Frame{frame.code, **scripted});
+            continue;
+        }
+        for (auto& reply : firmware_->handle(Request{frame.code, std::move(frame.payload), link.channel()}))
+            queueReply(link, std::move(reply));
+    }
+    if (!frames.empty()) changed();
+}
+
+void Unit::queueReply(Link& link, Frame reply) {
+    const Shaping shaping = faults_.shape(reply);
+    if (shaping.drop) {
+        ++counters_.dropped;
+        return;
+    }
+    Clock::time_point due = Clock::now() + shaping.delay;
+    if (!outbox_.empty()) due = std::max(due, outbox_.back().due);
+    Bytes bytes = encodeUnitFrame(reply.code, reply.payload);
+    for (int i = 0; i < shaping.copies; ++i) outbox_.push_back(Pending{due, link.channel(), link.id(), bytes});
+    pump();
+}
+
+// Sends every reply that is due, then sleeps until the next one.
+void Unit::pump() {
+    if (outbox_timer_) {
+        loop_.cancel(outbox_timer_);
+        outbox_timer_ = 0;
+    }
+    const auto now = Clock::now();
+    while (!outbox_.empty() && outbox_.front().due <= now) {
+        Pending p = std::move(outbox_.front());
+        outbox_.pop_front();
+        TcpPort* tp = port(p.channel);
+        Link* link = tp ? tp->find(p.link) : nullptr;
+        if (link && link->writable() && !faults_.silent()) {
+            link->send(p.bytes);
+            ++counters_.replies;
+        } else {
+            ++counters_.lost;
+        }
+    }
+    if (!outbox_.empty())
+        outbox_timer_ = loop_.at(outbox_.front().due, [this] {
+            outbox_timer_ = 0;
+            pump();
+        });
+}
+
+}  // namespace sim

@@ -1,0 +1,107 @@
+// One emulated unit: its listening ports, the links of its host, the request parser of each link,
+// its firmware model, the faults a test set on it, its traffic log, and the queue of replies on
+// their way out (replies leave in the order they were made; a delayed reply holds back the ones
+// behind it, as a firmware that answers one request after another would).
+#pragma once
+
+#include <netinet/in.h>
+
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "event_loop.hpp"
+#include "faults.hpp"
+#include "firmware.hpp"
+#include "frame.hpp"
+#include "link.hpp"
+#include "tcp.hpp"
+#include "traffic_log.hpp"
+
+namespace sim {
+
+struct UnitConfig {
+    const torvik::products::Product* product = nullptr;
+    in_addr addr{};
+    std::string addr_text;
+    std::uint16_t cmd_port = 7;
+    std::uint16_t data_port = 1336;  // Wi-Fi units only
+    std::string serial;
+};
+
+class Unit : public LinkEvents {
+public:
+    struct Counters {
+        std::uint64_t frames = 0;   // requests received
+        std::uint64_t replies = 0;  // frames sent as replies (a duplicate counts twice)
+        std::uint64_t dropped = 0;  // replies dropped on purpose
+        std::uint64_t lost = 0;     // replies whose link closed or went silent before they were due
+    };
+
+    Unit(EventLoop& loop, UnitConfig config, Clock::time_point epoch);
+    ~Unit() override;
+
+    // Binds the ports; throws std::system_error.
+    void listen();
+
+    std::string_view className() const { return config_.product->class_name; }
+    bool hasData() const { return data_ != nullptr; }
+    const UnitConfig& config() const { return config_; }
+    std::uint16_t cmdPort() const { return cmd_.port(); }
+    std::uint16_t dataPort() const { return data_ ? data_->port() : 0; }
+    // "<class> <addr> cmd=<port> data=<port or -> serial=<serial>"
+    std::string describe() const;
+
+    Faults& faults() { return faults_; }
+    TrafficLog& log() { return log_; }
+    const Counters& counters() const { return counters_; }
+    std::size_t junk() const;
+
+    // Null if the unit has no such channel.
+    TcpPort* port(Channel channel);
+
+    // Sends bytes now on the newest writable link of the channel; false if there is none.
+    bool writeNow(Channel channel, std::span<const std::uint8_t> bytes);
+    // FIN / RST on every link of the channel; returns how many links there were.
+    std::size_t finish(Channel channel);
+    std::size_t abort(Channel channel);
+
+    // Called whenever links or the log changed, for whoever waits on them.
+    std::function<void()> on_change;
+
+private:
+    void linkOpened(Link& link) override;
+    void linkReceived(Link& link, std::span<const std::uint8_t> bytes) override;
+    void linkClosed(Link& link) override;
+
+    void queueReply(Link& link, Frame reply);
+    void pump();
+    void changed() {
+        if (on_change) on_change();
+    }
+
+    struct Pending {
+        Clock::time_point due;
+        Channel channel;
+        std::uint64_t link;
+        Bytes bytes;
+    };
+
+    EventLoop& loop_;
+    UnitConfig config_;
+    std::unique_ptr<Firmware> firmware_;
+    Faults faults_;
+    TrafficLog log_;
+    Counters counters_;
+    TcpPort cmd_;
+    std::unique_ptr<TcpPort> data_;
+    std::map<Link*, RequestParser> parsers_;
+    std::size_t junk_of_closed_ = 0;
+    std::deque<Pending> outbox_;  // due times never decrease along the queue
+    EventLoop::TimerId outbox_timer_ = 0;
+};
+
+}  // namespace sim
