@@ -1,0 +1,410 @@
+"""Drives torvik-sim, the unit emulator, from tests.
+
+    with Sim("TorvikCore@127.1.2.3:0") as sim:
+        u = sim.unit                      # the first unit; sim.units has them all
+        u.set_reply(GET_DRIVER_INFO, b"\\x00\\x00\\x01")
+        dev.connect(u.addr, port=u.cmd_port)
+        u.wait_connected()
+        u.drop(1); u.status(3, count=1); u.delay(0.2, count=1)
+        assert [f.code for f in u.log()] == [...]
+
+Unit specs are those of the command line: ``CLASS@ADDR[:CMDPORT[:DATAPORT]][,serial=SERIAL]``; port 0
+lets the system choose, and ``Unit.cmd_port`` / ``Unit.data_port`` tell what it chose.
+
+The binary is ``$TORVIK_SIM_BIN`` if set, else ``torvik-sim`` beside the running interpreter (the
+installed package puts it there), else ``torvik-sim`` on PATH.
+
+Every method of ``Unit`` is one request on the emulator's control socket (its protocol is
+documented at the top of sim/control.hpp); a refused request raises ``SimError``.
+"""
+
+import itertools
+import json
+import os
+import selectors
+import shutil
+import signal
+import socket
+import subprocess
+import sys
+import sysconfig
+import tempfile
+import threading
+import time
+from typing import NamedTuple, Optional
+
+__all__ = ["Sim", "Unit", "Frame", "SimError", "sim_binary", "loopback_addr", "unit_spec", "run_with_command"]
+
+# Products with a second (data) connection; the emulator knows them from the product table.
+WIFI_CLASSES = {"TorvikAirAnalog"}
+
+
+class SimError(RuntimeError):
+    """The emulator refused a request, did not start, or ended badly."""
+
+
+class Frame(NamedTuple):
+    """One frame the unit received, as its traffic log records it."""
+
+    code: int
+    payload: bytes
+    conn: str    # "cmd" or "data"
+    link: int    # 1 for the first connection ever made on that channel, 2 for the next, ...
+    t: float     # seconds since the emulator started
+
+
+def sim_binary():
+    """Path of the torvik-sim to run."""
+    explicit = os.environ.get("TORVIK_SIM_BIN")
+    if explicit:
+        return explicit
+    beside = os.path.join(sysconfig.get_path("scripts"), "torvik-sim")
+    if os.access(beside, os.X_OK):
+        return beside
+    found = shutil.which("torvik-sim")
+    if found:
+        return found
+    raise SimError("torvik-sim not found: install the package or set TORVIK_SIM_BIN")
+
+
+# Addresses are handed out from a block of 127.0.0.0/8 chosen by the process id, so that test runs
+# going on at the same time on one machine (and xdist workers) rarely meet; a probe skips any
+# address whose default unit ports are taken anyway.
+_addr_lock = threading.Lock()
+_addr_counter = itertools.count(0)
+
+
+def _port_free(addr, port):
+    s = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
+    try:
+        s.bind((addr, port))
+        return True
+    except OSError:
+        return False
+    finally:
+        s.close()
+
+
+def loopback_addr():
+    """A loopback address (127.x.y.z, never 127.0.0.1) that no other call of this process gave."""
+    block = 1 + os.getpid() % 250
+    with _addr_lock:
+        while True:
+            n = next(_addr_counter)
+            if n >= 254 * 254:
+                raise SimError("loopback addresses used up")
+            addr = "127.%d.%d.%d" % (block, 1 + n // 254, 1 + n % 254)
+            if os.geteuid() != 0 or (_port_free(addr, 7) and _port_free(addr, 1336)):
+                return addr
+
+
+def unit_spec(cls, addr=None, cmd_port=None, data_port=None, serial=None):
+    """A --unit argument. Ports left out are 7/1336 when root, else 0 (the system picks free ones)."""
+    addr = addr or loopback_addr()
+    default = None if os.geteuid() == 0 else 0
+    cmd_port = default if cmd_port is None else cmd_port
+    data_port = default if data_port is None else data_port
+    spec = "%s@%s" % (cls, addr)
+    if cmd_port is not None or data_port is not None:
+        spec += ":%d" % (7 if cmd_port is None else cmd_port)
+        if data_port is not None and cls.split(",")[0] in WIFI_CLASSES:
+            spec += ":%d" % data_port
+    if serial:
+        spec += ",serial=" + serial
+    return spec
+
+
+def _code(code):
+    return str(int(code))
+
+
+def _hex(data):
+    data = bytes(data)
+    return data.hex() if data else "-"
+
+
+class Unit:
+    """One emulated unit of a running Sim, and the control requests that act on it."""
+
+    def __init__(self, sim, line):
+        # "<class> <addr> cmd=<port> data=<port or -> serial=<serial>"
+        cls, addr, *fields = line.split()
+        kv = dict(f.split("=", 1) for f in fields)
+        self.sim = sim
+        self.cls = cls
+        self.addr = addr
+        self.cmd_port = int(kv["cmd"])
+        self.data_port = None if kv["data"] == "-" else int(kv["data"])
+        self.serial = kv["serial"]
+
+    def __repr__(self):
+        return "<Unit %s %s:%d serial=%s>" % (self.cls, self.addr, self.cmd_port, self.serial)
+
+    @property
+    def _sel(self):
+        return "%s:%d" % (self.addr, self.cmd_port)
+
+    def _do(self, verb, *args, timeout=None):
+        return self.sim.request(" ".join([verb, self._sel] + [str(a) for a in args]), timeout=timeout)
+
+    # Replies ------------------------------------------------------------------------------------
+    def set_reply(self, code, payload):
+        """Answer `code` with `payload` (bytes or list of ints), or not at all if payload is None."""
+        self._do("reply", _code(code), "none" if payload is None else _hex(payload))
+
+    def no_reply(self, code):
+        """Do not answer `code`."""
+        self.set_reply(code, None)
+
+    def default_reply(self, code):
+        """Let the firmware answer `code` again."""
+        self._do("reply", _code(code), "default")
+
+    def status(self, value, *, count=None, code=None):
+        """Put firmware status `value` at reply index 1: of the next `count` replies, or of every
+        reply to `code`."""
+        if (count is None) == (code is None):
+            raise ValueError("give count or code")
+        self._do("status", int(value), "next=%d" % count if count is not None else "code=" + _code(code))
+
+    def clear_status(self):
+        self._do("status", "clear")
+
+    # Faults -------------------------------------------------------------------------------------
+    def delay(self, seconds, count=None):
+        """Hold the next `count` replies back by `seconds`; without count, every reply (0: off).
+        Replies keep their order: a held reply holds back the ones behind it."""
+        args = ["%.6f" % seconds] + (["next=%d" % count] if count is not None else [])
+        self._do("delay", *args)
+
+    def drop(self, count=1):
+        """Drop the next `count` replies."""
+        self._do("drop", int(count))
+
+    def duplicate(self, count=1):
+        """Send each of the next `count` replies twice."""
+        self._do("dup", int(count))
+
+    def silent(self):
+        """Hear requests (they are logged) but neither act on them nor answer; connections stay."""
+        self._do("silent")
+
+    def resume(self):
+        self._do("resume")
+
+    def clear_faults(self):
+        """Every fault and scripted reply off; the log stays."""
+        self._do("clear")
+
+    # Unsolicited bytes --------------------------------------------------------------------------
+    def send_raw(self, data, conn="cmd"):
+        """Write `data` now on the newest connection of `conn` ("cmd" or "data")."""
+        self._do("send", conn, _hex(data))
+
+    def send_frame(self, code, payload=b"", conn="cmd"):
+        """Write one well-formed unit frame now (the unit's length rule: code bytes + payload)."""
+        self._do("frame", conn, _code(code), _hex(payload))
+
+    # Connections --------------------------------------------------------------------------------
+    def shutdown(self, conn="cmd"):
+        """FIN on every connection of `conn` ("cmd", "data" or "both"); the host then reads EOF,
+        and the unit keeps reading until the host closes."""
+        self._do("shutdown", conn)
+
+    def reset(self, conn="cmd"):
+        """RST on every connection of `conn` ("cmd", "data" or "both")."""
+        self._do("reset", conn)
+
+    def stats(self):
+        """Counters as a dict: cmd.accepted, cmd.open, data.accepted, data.open, frames, replies,
+        dropped, lost, junk (all ints)."""
+        fields = self._do("stats").split()
+        return {k: int(v) for k, v in (f.split("=", 1) for f in fields)}
+
+    def connections(self, conn="cmd"):
+        """(accepted in all, open now) for `conn`."""
+        s = self.stats()
+        return s[conn + ".accepted"], s[conn + ".open"]
+
+    def _wait(self, timeout, *args):
+        try:
+            self._do("wait", *args, "timeout=%.3f" % timeout, timeout=timeout + 5)
+        except SimError as e:
+            if str(e) == "timeout":
+                raise TimeoutError("%s: wait %s: not within %.3g s" % (self, " ".join(map(str, args)), timeout))
+            raise
+
+    def wait_connected(self, conn="cmd", timeout=5.0):
+        """Until a connection of `conn` is open; TimeoutError otherwise."""
+        self._wait(timeout, "open", conn)
+
+    def wait_disconnected(self, conn="cmd", timeout=5.0):
+        """Until no connection of `conn` is open (the host closed, or the unit reset it)."""
+        self._wait(timeout, "closed", conn)
+
+    def wait_accepted(self, count, conn="cmd", timeout=5.0):
+        """Until `count` connections of `conn` have been accepted in all."""
+        self._wait(timeout, "accepted", int(count), conn)
+
+    def wait_frames(self, count, code=None, timeout=5.0):
+        """Until the log holds `count` frames (of `code`); returns those frames."""
+        args = ["frames", int(count)] + (["code=" + _code(code)] if code is not None else [])
+        self._wait(timeout, *args)
+        return self.log(code)
+
+    # Traffic log --------------------------------------------------------------------------------
+    def log(self, code=None):
+        """Frames received, oldest first (only those of `code` if given)."""
+        records = json.loads(self._do("log"))
+        frames = [Frame(r["code"], bytes.fromhex(r["data"]), r["conn"], r["link"], r["t"]) for r in records]
+        return [f for f in frames if code is None or f.code == code]
+
+    def clear_log(self):
+        self._do("clearlog")
+
+
+class Sim:
+    """A running torvik-sim. Start with start() or `with`; stop() ends it and reaps it.
+
+    Sim(*units, control=None, binary=None): `units` are --unit specs (see unit_spec()).
+    """
+
+    def __init__(self, *units, control=None, binary=None, start_timeout=10.0):
+        if not units:
+            raise ValueError("no units")
+        self.specs = list(units)
+        self.binary = binary or sim_binary()
+        self.start_timeout = start_timeout
+        self.control_path = control
+        self.proc = None
+        self.units = []
+        self.returncode = None
+        self._stderr = None
+        self._ctl = None
+        self._ctl_file = None
+        self._lock = threading.Lock()
+
+    @property
+    def unit(self):
+        return self.units[0]
+
+    def __enter__(self):
+        self.start()
+        return self
+
+    def __exit__(self, *exc):
+        self.stop()
+
+    def start(self):
+        argv = [self.binary]
+        for spec in self.specs:
+            argv += ["--unit", spec]
+        if self.control_path:
+            argv += ["--control", self.control_path]
+        self._stderr = tempfile.TemporaryFile()
+        self.proc = subprocess.Popen(argv, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=self._stderr)
+        try:
+            lines = self._read_ready()
+        except BaseException:
+            self.stop(check=False)
+            raise
+        self.control_path = lines[1].split(" ", 1)[1]
+        self.units = [Unit(self, line.split(" ", 1)[1]) for line in lines[2:]]
+        return self
+
+    def _read_ready(self):
+        want = 2 + len(self.specs)  # ready, control, one line a unit
+        buf = b""
+        deadline = time.monotonic() + self.start_timeout
+        fd = self.proc.stdout.fileno()
+        with selectors.DefaultSelector() as sel:
+            sel.register(fd, selectors.EVENT_READ)
+            while buf.count(b"\n") < want:
+                left = deadline - time.monotonic()
+                if left <= 0 or not sel.select(left):
+                    raise SimError("torvik-sim not ready within %.3g s%s" % (self.start_timeout, self._why()))
+                chunk = os.read(fd, 4096)
+                if not chunk:
+                    self.proc.wait()
+                    raise SimError("torvik-sim exited with %d before ready%s" % (self.proc.returncode, self._why()))
+                buf += chunk
+        lines = buf.decode().splitlines()[:want]
+        if lines[0] != "ready":
+            raise SimError("unexpected first line %r" % lines[0])
+        return lines
+
+    def stderr_text(self):
+        """What the emulator wrote on stderr so far."""
+        if self._stderr is None:
+            return ""
+        self._stderr.seek(0)
+        return self._stderr.read().decode(errors="replace")
+
+    def _why(self):
+        text = self.stderr_text().strip()
+        return ": " + text if text else ""
+
+    def request(self, line, timeout=None):
+        """Sends one control line; returns the text after "ok", raises SimError with the text after
+        "err". Requests that wait (timeout given) use a connection of their own, so that another
+        thread can steer the emulator meanwhile."""
+        if timeout is not None:
+            with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as s:
+                s.settimeout(timeout)
+                s.connect(self.control_path)
+                with s.makefile("rwb") as f:
+                    return self._exchange(f, line)
+        with self._lock:
+            if self._ctl is None:
+                self._ctl = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+                self._ctl.settimeout(10)
+                self._ctl.connect(self.control_path)
+                self._ctl_file = self._ctl.makefile("rwb")
+            return self._exchange(self._ctl_file, line)
+
+    @staticmethod
+    def _exchange(f, line):
+        f.write(line.encode() + b"\n")
+        f.flush()
+        answer = f.readline().decode().rstrip("\n")
+        if not answer:
+            raise SimError("control connection closed")
+        status, _, rest = answer.partition(" ")
+        if status == "ok":
+            return rest
+        raise SimError(rest)
+
+    def stop(self, check=True):
+        """Terminates the emulator and reaps it. With `check`, raises SimError if it did not exit
+        cleanly (status 0 on SIGTERM)."""
+        if self.proc is None:
+            return self.returncode
+        with self._lock:
+            if self._ctl_file is not None:
+                self._ctl_file.close()
+                self._ctl.close()
+                self._ctl = self._ctl_file = None
+        proc, self.proc = self.proc, None
+        if proc.poll() is None:
+            proc.send_signal(signal.SIGTERM)
+            try:
+                proc.wait(timeout=5)
+            except subprocess.TimeoutExpired:
+                proc.kill()
+                proc.wait()
+        proc.stdout.close()
+        self.returncode = proc.returncode
+        why = self._why()
+        self._stderr.close()
+        self._stderr = None
+        if check and self.returncode != 0:
+            raise SimError("torvik-sim ended with %d%s" % (self.returncode, why))
+        return self.returncode
+
+
+def run_with_command(units, command, timeout=30.0):
+    """Runs `torvik-sim --unit ... -- command`; returns the CompletedProcess (output captured)."""
+    argv = [sim_binary()]
+    for spec in units:
+        argv += ["--unit", spec]
+    return subprocess.run(argv + ["--"] + list(command), capture_output=True, timeout=timeout)
