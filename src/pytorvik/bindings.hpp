@@ -4,6 +4,9 @@
 #include <pybind11/pybind11.h>
 
 #include <string_view>
+#include <vector>
+
+#include "wire/splitter.hpp"
 
 namespace torvik::py_binding {
 
@@ -13,6 +16,12 @@ void bindConstants(py::module_& m);
 void bindErrors(py::module_& m);
 void bindConvert(py::module_& m);
 void bindClient(py::module_& m);
+void bindNetworkClients(py::module_& m);
+// Maps the engine's failure kinds to Python exceptions, once for the whole module.
+void registerTranslators();
+
+// (cmd, data) packets as a list of (int, bytes) tuples.
+py::list packetsToList(const std::vector<wire::Packet>& packets);
 
 // The module's error or warning class of that name (a borrowed reference kept for the process).
 py::handle errorClass(std::string_view name);

@@ -1,16 +1,42 @@
+#include "aio/op.hpp"
 #include "bindings.hpp"
+#include "blocking.hpp"
+#include "device/device_binding.hpp"
 
 #ifndef TORVIK_VERSION
 #error "TORVIK_VERSION must come from the build"
 #endif
 
+namespace torvik::py_binding {
+
+void registerEngineClientType(py::handle type);
+
+namespace {
+py::module_* g_module = nullptr;  // leaked: threads may use it during shutdown
+}
+
+py::module_& moduleObject() { return *g_module; }
+
+}  // namespace torvik::py_binding
+
 namespace tb = torvik::py_binding;
+namespace py = pybind11;
 
 PYBIND11_MODULE(pytorvik, m) {
+    tb::g_module = new py::module_(m);
+    tb::g_main_thread_ident = py::module_::import("threading").attr("main_thread")().attr("ident").cast<unsigned long>();
     m.doc() = "Host-side driver library for Torvik data-acquisition units.";
     m.attr("__version__") = TORVIK_VERSION;
     tb::bindConstants(m);
     tb::bindErrors(m);
+    tb::registerTranslators();
     tb::bindConvert(m);
     tb::bindClient(m);
+    tb::bindNetworkClients(m);
+    for (const char* name : {"NetworkClient", "TCPClient", "UDPClient"}) tb::registerEngineClientType(m.attr(name));
+    tb::aio::bindAio(m);
+    tb::bindGate(m);
+    tb::bindPools(m);
+    tb::bindDevices(m);
+    tb::bindPacket(m);
 }

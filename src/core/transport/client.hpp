@@ -4,7 +4,10 @@
 // stream) go through the same mutex, which is never held across a blocking read.
 #pragma once
 
+#include <cstdint>
 #include <mutex>
+#include <span>
+#include <stdexcept>
 
 #include "wire/splitter.hpp"
 
@@ -16,6 +19,9 @@ public:
     Client(const Client&) = delete;
     Client& operator=(const Client&) = delete;
     virtual ~Client() = default;
+
+    // Sends one frame as this transport does (any thread). A bare client has no transport.
+    virtual void sendPacket(std::span<const std::uint8_t>) { throw std::logic_error("client without a transport"); }
 
     // Runs fn(splitter) under the stream's mutex.
     template <typename Fn>

@@ -6,7 +6,12 @@
 #include <string>
 #include <unordered_map>
 
+#include <cstring>
+
 #include "bindings.hpp"
+#include "device/router.hpp"
+#include "device/receiver.hpp"
+#include "transport/errors.hpp"
 #include "wire/error_codes.hpp"
 
 namespace torvik::py_binding {
@@ -74,6 +79,49 @@ void raiseError(std::string_view name, py::handle msg) {
     py::object inst = cls(py::arg("msg") = msg);
     PyErr_SetObject(cls.ptr(), inst.ptr());
     throw py::error_already_set();
+}
+
+namespace {
+
+void setLibraryError(std::string_view name) {
+    py::handle cls = errorClass(name);
+    py::object inst = cls();
+    PyErr_SetObject(cls.ptr(), inst.ptr());
+}
+
+void setSocketModuleError(const char* cls, py::object args) {
+    py::object exc = py::module_::import("socket").attr(cls);
+    PyErr_SetObject(exc.ptr(), args.ptr());
+}
+
+}  // namespace
+
+void registerTranslators() {
+    py::register_exception_translator([](std::exception_ptr p) {
+        try {
+            if (p) std::rethrow_exception(p);
+        } catch (const transport::ConnectFailed&) {
+            setLibraryError("NetworkConnectionError");
+        } catch (const transport::ConnectionLost&) {
+            setLibraryError("NetworkConnectionLostError");
+        } catch (const transport::NoSocket& e) {
+            // What a missing socket (the integer 0) answers when asked to act.
+            PyErr_Format(PyExc_AttributeError, "'int' object has no attribute '%s'", e.op);
+        } catch (const device::AbsentClient&) {
+            PyErr_SetString(PyExc_AttributeError, "'NoneType' object has no attribute 'recvAndSplitPacket'");
+        } catch (const transport::ReceiveTimeout&) {
+            setSocketModuleError("timeout", py::make_tuple("timed out"));
+        } catch (const transport::ResolveError& e) {
+            setSocketModuleError("gaierror", py::make_tuple(e.code, e.what()));
+        } catch (const transport::SocketError& e) {
+            py::object args = py::make_tuple(e.err, std::strerror(e.err));
+            PyErr_SetObject(PyExc_OSError, args.ptr());
+        } catch (const transport::BadPort& e) {
+            PyErr_SetString(PyExc_OverflowError, e.what());
+        } catch (const device::RoutingError& e) {
+            PyErr_SetString(PyExc_IndexError, e.what());
+        }
+    });
 }
 
 void bindErrors(py::module_& m) {

@@ -1,0 +1,94 @@
+// Socket transports: TCP for a unit's command and data connections, UDP for discovery answers
+// and broadcasts.
+//
+// Thread contract: one reader thread calls recvPacket / recvAndSplitPacket; any other thread may
+// send, set the time limit or disconnect at the same time. A disconnect wakes a blocked reader.
+// All calls may block (connect up to its time limit, recv without limit unless set); callers
+// that hold an interpreter lock release it first.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "transport/client.hpp"
+#include "transport/errors.hpp"
+
+namespace torvik::transport {
+
+// One open socket and the eventfd that cancels waits on it. The descriptor is closed when the
+// last user lets go, so a reader that is still inside poll never sees its number reused.
+class SocketHandle {
+public:
+    SocketHandle(int domain, int type, int protocol);
+    ~SocketHandle();
+    SocketHandle(const SocketHandle&) = delete;
+    SocketHandle& operator=(const SocketHandle&) = delete;
+
+    int fd() const { return fd_; }
+    int fileno() const { return fd_; }
+    bool isStream() const { return stream_; }
+    // Wakes every current and future wait on this socket for good.
+    void cancel();
+    // Waits until the socket is readable or cancelled; false on cancel, throws ReceiveTimeout.
+    // After the peer ended the stream or reading failed, the socket reports readable for ever:
+    // with park_when_ended such a wait waits for the cancel alone instead of returning at once.
+    bool waitReadable(std::optional<double> timeout, bool park_when_ended);
+    std::atomic<bool> ended{false};
+
+private:
+    bool stream_;
+    int fd_ = -1;
+    int cancel_fd_ = -1;
+};
+
+class NetworkClient : public Client {
+public:
+    // The open socket, or null for "no socket".
+    std::shared_ptr<SocketHandle> socket() const;
+    // Applies a receive time limit (seconds; nullopt blocks without limit). No effect without a socket.
+    void setTimeout(std::optional<double> seconds);
+    // One recv of up to `length` bytes; empty when the peer has shut the stream down. A receive
+    // thread passes park_when_ended: once the stream has ended its next read waits for the
+    // disconnect (and then returns empty) instead of returning empty at once, for ever.
+    std::vector<std::uint8_t> recvPacket(std::size_t length, bool park_when_ended = false);
+    // recvPacket, then the frames it completed.
+    std::vector<wire::Packet> recvAndSplitPacket(std::size_t length, bool park_when_ended = false);
+    // One send of the bytes; a partial send is not completed.
+    void sendPacket(std::span<const std::uint8_t> bytes) override;
+    // Shuts the socket down both ways and lets it go. Throws ConnectionLost (socket kept) when
+    // the shutdown fails, NoSocket when there is none.
+    void disconnect();
+
+protected:
+    std::shared_ptr<SocketHandle> newSocket(int type, int protocol);
+    std::shared_ptr<SocketHandle> requireSocket(const char* op) const;
+
+    mutable std::mutex mutex_;  // guards sock_ and timeout_
+    std::shared_ptr<SocketHandle> sock_;
+    std::optional<double> timeout_;
+};
+
+class TcpClient : public NetworkClient {
+public:
+    // New socket, connect with the connection time limit, then no limit. Throws ConnectFailed.
+    bool connect(const std::string& host, int port);
+};
+
+class UdpClient : public NetworkClient {
+public:
+    // New datagram socket bound to host ("" = every address) and port. Throws ConnectFailed.
+    bool bind(const std::string& host, int port);
+    // Sends the bytes to the broadcast address through every address the host name resolves to.
+    static void sendBcstPacket(std::span<const std::uint8_t> bytes);
+};
+
+// Resolves an IPv4 host text as a socket address would ("" is any address).
+std::uint32_t resolveIPv4(const std::string& host);
+
+}  // namespace torvik::transport

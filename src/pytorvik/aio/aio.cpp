@@ -1,0 +1,326 @@
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <mutex>
+#include <unordered_map>
+#include <vector>
+
+#include "aio/op.hpp"
+
+#if PY_VERSION_HEX >= 0x030D0000
+#define TORVIK_FINALIZING() Py_IsFinalizing()
+#else
+#define TORVIK_FINALIZING() _Py_IsFinalizing()
+#endif
+
+namespace torvik::py_binding::aio {
+
+namespace {
+
+// Python objects used on every wait, looked up once. Leaked on purpose: threads may still use
+// them while the interpreter shuts down.
+struct Cached {
+    py::object get_running_loop;
+    py::object timeout_error;        // asyncio.TimeoutError
+    py::object timed_out;            // sentinel result of a future whose time limit ran out
+    py::object resolve;              // f(fut, value): set_result unless done
+    py::object stop_iteration;
+};
+Cached* g = nullptr;
+
+[[noreturn]] void raiseInstance(const py::object& exc) {
+    PyErr_SetObject(reinterpret_cast<PyObject*>(Py_TYPE(exc.ptr())), exc.ptr());
+    throw py::error_already_set();
+}
+
+// Cancels a loop timer when the waiting frame goes, however it goes.
+struct TimerGuard {
+    py::object handle;
+    ~TimerGuard() {
+        if (!handle) return;
+        try {
+            handle.attr("cancel")();
+        } catch (py::error_already_set& e) {
+            e.discard_as_unraisable("cancelling a timer");
+        }
+    }
+};
+
+class FutureWaiter;
+
+// One per event loop: an eventfd the loop watches. Receive threads post woken waiters and write
+// the eventfd without the GIL; the loop's reader callback completes their futures. Loops that
+// cannot watch a descriptor get call_soon_threadsafe from the waking thread instead.
+class LoopWaker : public std::enable_shared_from_this<LoopWaker> {
+public:
+    static std::shared_ptr<LoopWaker> of(const py::object& loop);
+    ~LoopWaker() {
+        if (efd_ >= 0) ::close(efd_);
+    }
+    bool watched() const { return efd_ >= 0; }
+    void post(std::shared_ptr<FutureWaiter> w) noexcept;
+
+private:
+    void drain();
+
+    int efd_ = -1;
+    std::mutex m_;
+    std::vector<std::shared_ptr<FutureWaiter>> ready_;  // guarded by m_
+};
+
+class FutureWaiter : public device::Wakeable, public std::enable_shared_from_this<FutureWaiter> {
+public:
+    FutureWaiter(std::shared_ptr<LoopWaker> waker, const py::object& future)
+        : waker_(std::move(waker)), future_(future.inc_ref().ptr()) {}
+    ~FutureWaiter() override {
+        // Detached by its frame under the GIL; a leftover reference is dropped only where safe.
+        if (future_ != nullptr && Py_IsInitialized() && PyGILState_Check()) Py_DECREF(future_);
+    }
+    void wake() noexcept override {
+        if (waker_->watched()) {
+            waker_->post(shared_from_this());
+            return;
+        }
+        if (!Py_IsInitialized() || TORVIK_FINALIZING()) return;
+        PyGILState_STATE state = PyGILState_Ensure();
+        if (future_ != nullptr) {
+            try {
+                py::handle fut(future_);
+                fut.attr("get_loop")().attr("call_soon_threadsafe")(g->resolve, fut, py::none());
+            } catch (py::error_already_set&) {
+                // the loop is closed: nobody is left to wake
+            }
+        }
+        PyGILState_Release(state);
+    }
+    void resolve() {
+        if (future_ == nullptr) return;
+        py::handle fut(future_);
+        if (!fut.attr("done")().cast<bool>()) fut.attr("set_result")(py::none());
+    }
+    void detach() {
+        if (PyObject* f = std::exchange(future_, nullptr)) Py_DECREF(f);
+    }
+
+private:
+    std::shared_ptr<LoopWaker> waker_;
+    PyObject* future_;  // strong reference, touched with the GIL only; null once detached
+};
+
+std::shared_ptr<LoopWaker> LoopWaker::of(const py::object& loop) {
+    struct Entry {
+        std::shared_ptr<LoopWaker> waker;
+        py::object weakref;  // its callback drops the entry when the loop goes
+    };
+    static auto* registry = new std::unordered_map<PyObject*, Entry>();
+    auto it = registry->find(loop.ptr());
+    if (it != registry->end()) return it->second.waker;
+
+    auto waker = std::make_shared<LoopWaker>();
+    PyObject* key = loop.ptr();
+    py::object weakref;
+    try {
+        weakref = py::reinterpret_steal<py::object>(PyWeakref_NewRef(
+            loop.ptr(), py::cpp_function([key](py::handle) { registry->erase(key); }).ptr()));
+        if (!weakref) throw py::error_already_set();
+        int fd = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+        if (fd >= 0) {
+            waker->efd_ = fd;
+            std::weak_ptr<LoopWaker> weak = waker;
+            try {
+                loop.attr("add_reader")(fd, py::cpp_function([weak] {
+                                            if (auto w = weak.lock()) w->drain();
+                                        }));
+            } catch (py::error_already_set&) {
+                ::close(fd);
+                waker->efd_ = -1;  // this loop cannot watch descriptors
+            }
+        }
+    } catch (py::error_already_set&) {
+        // No weak reference to the loop: wake through call_soon_threadsafe and keep nothing.
+        return waker;
+    }
+    registry->emplace(key, Entry{waker, std::move(weakref)});
+    return waker;
+}
+
+void LoopWaker::post(std::shared_ptr<FutureWaiter> w) noexcept {
+    bool first;
+    {
+        std::lock_guard lock(m_);
+        first = ready_.empty();
+        ready_.push_back(std::move(w));
+    }
+    if (first) {
+        std::uint64_t one = 1;
+        [[maybe_unused]] ssize_t n = ::write(efd_, &one, sizeof one);
+    }
+}
+
+void LoopWaker::drain() {
+    std::uint64_t count;
+    [[maybe_unused]] ssize_t n = ::read(efd_, &count, sizeof count);
+    std::vector<std::shared_ptr<FutureWaiter>> ready;
+    {
+        std::lock_guard lock(m_);
+        ready.swap(ready_);
+    }
+    for (auto& w : ready) w->resolve();
+}
+
+// Keeps a waiter registered with the pool for as long as the frame waits, and no longer.
+struct WaitGuard {
+    std::shared_ptr<device::EchoPool> pool;
+    std::uint32_t code;
+    std::shared_ptr<FutureWaiter> waiter;
+    ~WaitGuard() {
+        pool->cancelWait(code, waiter.get());
+        waiter->detach();
+    }
+};
+
+[[noreturn]] void stopIteration(const py::object& value) {
+    py::object exc = g->stop_iteration(value);
+    PyErr_SetObject(g->stop_iteration.ptr(), exc.ptr());
+    throw py::error_already_set();
+}
+
+py::object normaliseException(py::handle typ, py::handle val, py::handle tb) {
+    py::object exc;
+    if (PyExceptionInstance_Check(typ.ptr())) {
+        if (!val.is_none()) throw py::type_error("instance exception may not have a separate value");
+        exc = py::reinterpret_borrow<py::object>(typ);
+    } else if (PyExceptionClass_Check(typ.ptr())) {
+        if (PyObject_IsInstance(val.ptr(), typ.ptr()) == 1)
+            exc = py::reinterpret_borrow<py::object>(val);
+        else if (val.is_none())
+            exc = typ();
+        else if (PyTuple_Check(val.ptr()))
+            exc = py::reinterpret_borrow<py::object>(typ)(*py::reinterpret_borrow<py::tuple>(val));
+        else
+            exc = typ(val);
+    } else {
+        throw py::type_error("exceptions must be classes or instances deriving from BaseException, not " +
+                             std::string(py::str(py::type::handle_of(typ).attr("__name__"))));
+    }
+    if (!tb.is_none()) PyException_SetTraceback(exc.ptr(), tb.ptr());
+    return exc;
+}
+
+}  // namespace
+
+void Yield::await_resume() {
+    op->yielded = py::object();
+    if (op->thrown) raiseInstance(std::exchange(op->thrown, py::object()));
+}
+
+py::object runningLoop() { return g->get_running_loop(); }
+
+void raiseLoopTimeout() { raiseInstance(g->timeout_error()); }
+
+Co<> sleep(double seconds) {
+    if (!(seconds > 0)) {
+        co_await Yield{py::none()};
+        co_return py::none();
+    }
+    py::object loop = runningLoop();
+    py::object fut = loop.attr("create_future")();
+    TimerGuard timer{loop.attr("call_later")(seconds, g->resolve, fut, py::none())};
+    co_await Yield{fut};
+    co_return py::none();
+}
+
+Co<> awaitReply(std::shared_ptr<device::EchoPool> pool, std::uint32_t code, std::optional<double> timeout) {
+    py::object loop;
+    double deadline = 0;
+    for (;;) {
+        if (auto data = pool->take(code)) co_return py::bytes(reinterpret_cast<const char*>(data->data()), data->size());
+        if (!loop) {
+            loop = runningLoop();
+            if (timeout) deadline = loop.attr("time")().cast<double>() + *timeout;
+        }
+        double remaining = timeout ? deadline - loop.attr("time")().cast<double>() : 0;
+        if (timeout && remaining <= 0) throw TimedOut{};
+
+        py::object fut = loop.attr("create_future")();
+        auto waiter = std::make_shared<FutureWaiter>(LoopWaker::of(loop), fut);
+        device::Bytes data;
+        if (pool->takeOrWait(code, data, waiter)) {
+            waiter->detach();
+            co_return py::bytes(reinterpret_cast<const char*>(data.data()), data.size());
+        }
+        WaitGuard registered{pool, code, waiter};
+        TimerGuard timer;
+        if (timeout) timer.handle = loop.attr("call_later")(remaining, g->resolve, fut, g->timed_out);
+        co_await Yield{fut};
+        if (fut.attr("done")().cast<bool>() && fut.attr("result")().is(g->timed_out)) throw TimedOut{};
+        // Woken by a filing: take it on the next round (another waiter may have been quicker).
+    }
+}
+
+py::object AsyncOp::advance() {
+    if (body_.done()) {
+        Co<> finished = std::move(body_);
+        py::object result = finished.result();
+        stopIteration(result);
+    }
+    py::object y = std::exchange(state_.yielded, py::object());
+    if (!y) throw std::logic_error("operation suspended without a future");
+    if (!y.is_none()) y.attr("_asyncio_future_blocking") = true;
+    return y;
+}
+
+py::object AsyncOp::send(py::handle value) {
+    if (!body_) throw std::runtime_error("cannot reuse already awaited coroutine");
+    if (!started_) {
+        if (!value.is_none()) throw py::type_error("can't send non-None value to a just-started coroutine");
+        started_ = true;
+        body_.handle().promise().op = &state_;
+        body_.handle().resume();
+    } else {
+        state_.leaf.resume();
+    }
+    return advance();
+}
+
+py::object AsyncOp::throwIn(py::handle typ, py::handle val, py::handle tb) {
+    py::object exc = normaliseException(typ, val, tb);
+    if (!body_ || !started_) {
+        body_.reset();
+        started_ = true;
+        raiseInstance(exc);
+    }
+    state_.thrown = std::move(exc);
+    state_.leaf.resume();
+    return advance();
+}
+
+void AsyncOp::close() {
+    body_.reset();
+    started_ = true;
+}
+
+py::object makeOp(Co<> body, const char* name) { return py::cast(AsyncOp(std::move(body), name)); }
+
+void bindAio(py::module_& m) {
+    g = new Cached();
+    py::module_ asyncio = py::module_::import("asyncio");
+    g->get_running_loop = asyncio.attr("get_running_loop");
+    g->timeout_error = asyncio.attr("TimeoutError");
+    g->timed_out = py::module_::import("builtins").attr("object")();
+    g->stop_iteration = py::reinterpret_borrow<py::object>(PyExc_StopIteration);
+    g->resolve = py::cpp_function([](py::handle fut, py::handle value) {
+        if (!fut.attr("done")().cast<bool>()) fut.attr("set_result")(value);
+    });
+
+    py::class_<AsyncOp>(m, "Operation", "An awaitable operation on a unit (a coroutine to asyncio).")
+        .def("__await__", [](py::object self) { return self; })
+        .def("__next__", [](AsyncOp& op) { return op.send(py::none()); })
+        .def("send", &AsyncOp::send, py::arg("value"))
+        .def("throw", &AsyncOp::throwIn, py::arg("typ"), py::arg("val") = py::none(), py::arg("tb") = py::none())
+        .def("close", &AsyncOp::close)
+        .def("__repr__", [](const AsyncOp& op) { return "<operation " + std::string(op.name()) + ">"; });
+    py::module_::import("collections.abc").attr("Coroutine").attr("register")(m.attr("Operation"));
+}
+
+}  // namespace torvik::py_binding::aio

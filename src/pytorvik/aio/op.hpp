@@ -1,0 +1,47 @@
+// The Python face of an operation: a coroutine-like object around a Co<> body, and the waits
+// an operation can suspend on.
+#pragma once
+
+#include <pybind11/pybind11.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "aio/coro.hpp"
+#include "device/pools.hpp"
+
+namespace torvik::py_binding::aio {
+
+// What `op_async(...)` returns: awaitable, and a coroutine to asyncio (send, throw, close). The
+// body starts at the first send, so argument checks raise there.
+class AsyncOp {
+public:
+    AsyncOp(Co<> body, const char* name) : body_(std::move(body)), name_(name) {}
+    py::object send(py::handle value);
+    py::object throwIn(py::handle typ, py::handle val, py::handle tb);
+    void close();
+    const char* name() const { return name_; }
+
+private:
+    py::object advance();
+    Co<> body_;
+    OpState state_;
+    bool started_ = false;
+    const char* name_;
+};
+
+// Wraps a body as an operation object.
+py::object makeOp(Co<> body, const char* name);
+
+// Waits until the echo pool holds a reply of `code` and takes it (bytes). With a time limit,
+// throws TimedOut when it runs out; a limit of 0 or less fails at once unless the reply is
+// already there. Woken by the filing itself: no polling.
+Co<> awaitReply(std::shared_ptr<device::EchoPool> pool, std::uint32_t code, std::optional<double> timeout);
+
+// Raises the event loop's own time-out error, with no text.
+[[noreturn]] void raiseLoopTimeout();
+
+void bindAio(py::module_& m);
+
+}  // namespace torvik::py_binding::aio

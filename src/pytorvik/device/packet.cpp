@@ -1,0 +1,211 @@
+// Packet: the request/reply layer every module class derives from. It has no state of its own;
+// it uses the client and the pools of the connection base in the same object.
+#include <unordered_set>
+
+#include "aio/op.hpp"
+#include "device/device_binding.hpp"
+#include "pyclass.hpp"
+#include "transport/client.hpp"
+#include "wire/commands.hpp"
+#include "wire/frame.hpp"
+
+namespace torvik::py_binding {
+
+namespace {
+
+namespace w = torvik::wire;
+using aio::Co;
+
+// Python types of our own transports: their sendPacket can be called in the engine directly.
+std::unordered_set<PyTypeObject*>& engineClientTypes() {
+    static auto* types = new std::unordered_set<PyTypeObject*>();
+    return *types;
+}
+
+std::optional<std::vector<std::uint8_t>> smallBytes(py::handle data) {
+    std::vector<std::uint8_t> out;
+    if (PyBytes_Check(data.ptr())) {
+        auto* p = reinterpret_cast<const std::uint8_t*>(PyBytes_AS_STRING(data.ptr()));
+        return std::vector<std::uint8_t>(p, p + PyBytes_GET_SIZE(data.ptr()));
+    }
+    if (!PyList_Check(data.ptr())) return std::nullopt;
+    Py_ssize_t n = PyList_GET_SIZE(data.ptr());
+    out.reserve(static_cast<std::size_t>(n));
+    for (Py_ssize_t i = 0; i < n; ++i) {
+        PyObject* item = PyList_GET_ITEM(data.ptr(), i);
+        if (!PyLong_Check(item)) return std::nullopt;
+        long v = PyLong_AsLong(item);
+        if (v < 0 || v > 255) {
+            PyErr_Clear();
+            return std::nullopt;
+        }
+        out.push_back(static_cast<std::uint8_t>(v));
+    }
+    return out;
+}
+
+std::optional<std::uint16_t> smallCode(py::handle cmd) {
+    if (!PyLong_Check(cmd.ptr())) return std::nullopt;
+    long v = PyLong_AsLong(cmd.ptr());
+    if (v < 0 || v > 0xFFFF) {
+        PyErr_Clear();
+        return std::nullopt;
+    }
+    return static_cast<std::uint16_t>(v);
+}
+
+// _preparePacket as the builder does it, on Python values.
+py::list preparePacket(py::handle cmd, py::handle data_out) {
+    py::module_& mod = moduleObject();
+    py::list pkt;
+    pkt.append(py::int_(w::CMD_STX));
+    for (py::handle b : mod.attr("convertU16To2U8")(py::len(data_out) + 1)) pkt.append(b);
+    if (py::reinterpret_borrow<py::object>(cmd) < py::int_(256))
+        pkt.append(cmd);
+    else
+        for (py::handle b : mod.attr("convertU16To2U8")(cmd)) pkt.append(b);
+    for (py::handle b : py::reinterpret_borrow<py::iterable>(data_out)) pkt.append(b);
+    pkt.append(py::int_(w::CMD_CR));
+    pkt.append(py::int_(w::CMD_LF));
+    return pkt;
+}
+
+// Frames and sends a command through client_cmd, synchronously. Our own transports are called
+// in the engine with the GIL released; anything else goes through its Python sendPacket.
+void sendCommand(py::handle self, py::handle cmd, py::handle data_out) {
+    py::object client = self.attr("client_cmd");
+    if (engineClientTypes().count(Py_TYPE(client.ptr())) > 0) {
+        auto code = smallCode(cmd);
+        auto payload = code ? smallBytes(data_out) : std::nullopt;
+        if (payload) {
+            auto frame = w::buildFrame(*code, *payload);
+            auto transport = py::cast<std::shared_ptr<transport::Client>>(client);
+            py::gil_scoped_release nogil;
+            transport->sendPacket(frame);
+            return;
+        }
+    }
+    client.attr("sendPacket")(self.attr("_preparePacket")(cmd, data_out));
+}
+
+std::uint32_t replyCode(py::handle cmd) {
+    if (!PyLong_Check(cmd.ptr())) throw py::type_error("command code must be an integer");
+    return py::cast<std::uint32_t>(cmd);
+}
+
+std::optional<double> limitOf(py::handle timeout) {
+    if (timeout.is_none()) return std::nullopt;
+    return py::cast<double>(timeout);
+}
+
+Co<> getReplyFromPool(py::object self, py::object cmd) {
+    co_return co_await aio::awaitReply(echoPoolOf(self.attr("data_pool_echo")), replyCode(cmd), std::nullopt);
+}
+
+// One send and one wait; a time limit that runs out gives None.
+Co<> echoPacket(py::object self, py::object cmd, py::object data_out, py::object timeout) {
+    sendCommand(self, cmd, data_out);
+    auto pool = echoPoolOf(self.attr("data_pool_echo"));
+    try {
+        co_return co_await aio::awaitReply(pool, replyCode(cmd), limitOf(timeout));
+    } catch (const aio::TimedOut&) {
+    }
+    co_return py::none();
+}
+
+Co<> echoPacketWithRetry(py::object self, py::object cmd, py::object data_out, py::object num_retries, py::object timeout) {
+    py::object value = py::none();
+    py::object count = py::int_(0);
+    const py::object retry_timeout = py::int_(w::RETRY_TIMEOUT);
+    while (value.is_none() && count < num_retries) {
+        value = co_await echoPacket(self, cmd, data_out, retry_timeout);
+        count = count + py::int_(1);
+    }
+    if (!value.is_none()) co_return value;
+    py::object remaining = py::module_::import("builtins").attr("max")(timeout - retry_timeout * num_retries, 0);
+    auto pool = echoPoolOf(self.attr("data_pool_echo"));
+    bool timed_out = false;
+    try {
+        value = co_await aio::awaitReply(pool, replyCode(cmd), py::cast<double>(remaining));
+    } catch (const aio::TimedOut&) {
+        timed_out = true;
+    }
+    if (timed_out) aio::raiseLoopTimeout();
+    co_return value;
+}
+
+Co<> sendPacketWithoutReply(py::object self, py::object cmd, py::object data_out) {
+    sendCommand(self, cmd, data_out);
+    co_return py::none();
+}
+
+Co<> getStreamingFromPool(py::object, py::object queue_, py::object num_samples, py::object delay) {
+    py::list data_list;
+    co_await aio::sleep(py::cast<double>(delay));
+    if (auto q = streamQueueOf(queue_)) {
+        // Our own queue: take what is asked for in one step.
+        long long n = static_cast<long long>(q->size());
+        if (n == 0) co_return data_list;
+        if (num_samples > py::int_(-1)) n = std::min<long long>(py::cast<long long>(num_samples), n);
+        for (auto& item : q->takeUpTo(n > 0 ? static_cast<std::size_t>(n) : 0)) data_list.append(streamItemToPython(std::move(item)));
+        co_return data_list;
+    }
+    py::object queue_size = queue_.attr("qsize")();
+    if (queue_size.equal(py::int_(0))) co_return data_list;
+    if (num_samples > py::int_(-1)) queue_size = py::module_::import("builtins").attr("min")(num_samples, queue_size);
+    for ([[maybe_unused]] py::handle i : py::module_::import("builtins").attr("range")(queue_size))
+        data_list.append(queue_.attr("get_nowait")());
+    co_return data_list;
+}
+
+Co<> broadcastPacket(py::object self, py::object cmd, py::object data_out) {
+    py::object pool = self.attr("data_pool_bcst");
+    pool[cmd].attr("clear")();
+    py::object packet = self.attr("_preparePacket")(cmd, data_out);
+    py::object client = self.attr("client_udp");
+    for (int i = 0; i < w::NUM_BCST_RETRIES; ++i) client.attr("sendBcstPacket")(packet);
+    co_await aio::sleep(static_cast<double>(w::PACKET_TIMEOUT));
+    co_return pool[cmd];
+}
+
+}  // namespace
+
+void registerEngineClientType(py::handle type) { engineClientTypes().insert(reinterpret_cast<PyTypeObject*>(type.ptr())); }
+
+void bindPacket(py::module_& m) {
+    PyClass packet(m, "Packet", py::tuple(), "The request/reply layer: framing, sending, and waiting for replies.");
+    packet
+        .def("_preparePacket", [](py::handle, py::handle cmd, py::handle data_out) { return preparePacket(cmd, data_out); },
+             py::arg("cmd"), py::arg("data_out") = py::list())
+        .def("_getReplyFromPool_async",
+             [](py::object self, py::object cmd) { return aio::makeOp(getReplyFromPool(self, cmd), "Packet._getReplyFromPool_async"); },
+             py::arg("cmd"))
+        .def("_getStreamingFromPool_async",
+             [](py::object self, py::object q, py::object n, py::object delay) {
+                 return aio::makeOp(getStreamingFromPool(self, q, n, delay), "Packet._getStreamingFromPool_async");
+             },
+             py::arg("queue_"), py::arg("num_samples"), py::arg("delay"))
+        .def("_echoPacket_async",
+             [](py::object self, py::object cmd, py::object data_out, py::object timeout) {
+                 return aio::makeOp(echoPacket(self, cmd, data_out, timeout), "Packet._echoPacket_async");
+             },
+             py::arg("cmd"), py::arg("data_out"), py::arg("timeout") = w::PACKET_TIMEOUT)
+        .def("_echoPacketWithRetry_async",
+             [](py::object self, py::object cmd, py::object data_out, py::object num_retries, py::object timeout) {
+                 return aio::makeOp(echoPacketWithRetry(self, cmd, data_out, num_retries, timeout),
+                                    "Packet._echoPacketWithRetry_async");
+             },
+             py::arg("cmd"), py::arg("data_out"), py::arg("num_retries") = w::NUM_RETRIES, py::arg("timeout") = w::PACKET_TIMEOUT)
+        .def("_sendPacketWithoutReply",
+             [](py::object self, py::object cmd, py::object data_out) {
+                 return aio::makeOp(sendPacketWithoutReply(self, cmd, data_out), "Packet._sendPacketWithoutReply");
+             },
+             py::arg("cmd"), py::arg("data_out"))
+        .def("_broadcastPacket_async",
+             [](py::object self, py::object cmd, py::object data_out) {
+                 return aio::makeOp(broadcastPacket(self, cmd, data_out), "Packet._broadcastPacket_async");
+             },
+             py::arg("cmd"), py::arg("data_out"));
+}
+
+}  // namespace torvik::py_binding

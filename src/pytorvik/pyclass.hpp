@@ -1,0 +1,46 @@
+// Plain Python classes whose methods are C++ functions. The device bases, the modules and the
+// handles are built this way, so scripts compose and subclass them like any Python class and
+// their method resolution order is exactly the one their bases give.
+#pragma once
+
+#include <pybind11/pybind11.h>
+
+#include <string_view>
+#include <utility>
+
+namespace torvik::py_binding {
+
+namespace py = pybind11;
+
+class PyClass {
+public:
+    PyClass(py::module_& m, std::string_view name, const py::tuple& bases, std::string_view doc) {
+        py::dict ns;
+        ns["__module__"] = m.attr("__name__");
+        ns["__doc__"] = py::str(doc.data(), doc.size());
+        cls_ = py::reinterpret_borrow<py::object>(reinterpret_cast<PyObject*>(&PyType_Type))(
+            py::str(name.data(), name.size()), bases, ns);
+        m.attr(py::str(name.data(), name.size())) = cls_;
+    }
+
+    template <typename F, typename... Extra>
+    PyClass& def(const char* name, F&& f, const Extra&... extra) {
+        py::setattr(cls_, name, py::cpp_function(std::forward<F>(f), py::name(name), py::is_method(cls_), extra...));
+        return *this;
+    }
+
+    template <typename Get, typename Set>
+    PyClass& property(const char* name, Get&& get, Set&& set, const char* doc = "") {
+        py::object prop = py::module_::import("builtins").attr("property")(
+            py::cpp_function(std::forward<Get>(get)), py::cpp_function(std::forward<Set>(set)), py::none(), doc);
+        py::setattr(cls_, name, prop);
+        return *this;
+    }
+
+    const py::object& object() const { return cls_; }
+
+private:
+    py::object cls_;
+};
+
+}  // namespace torvik::py_binding

@@ -1,0 +1,131 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+#include "device/gate.hpp"
+#include "device/pools.hpp"
+#include "device/router.hpp"
+#include "wire/commands.hpp"
+
+using namespace torvik::device;
+using namespace std::chrono_literals;
+namespace w = torvik::wire;
+
+namespace {
+struct CountingWaiter : Wakeable {
+    std::atomic<int> woken{0};
+    void wake() noexcept override { ++woken; }
+};
+}  // namespace
+
+TEST(Gate, IsALockWithoutOwner) {
+    Gate g(true);
+    EXPECT_TRUE(g.locked());
+    EXPECT_FALSE(g.tryAcquire());
+    EXPECT_FALSE(g.acquire(1ms));
+    std::thread other([&] { EXPECT_TRUE(g.release()); });  // released by another thread
+    other.join();
+    EXPECT_FALSE(g.release());  // a free gate cannot be released
+    EXPECT_TRUE(g.acquire(1ms));
+}
+
+TEST(Gate, ReleaseWakesATakerBesideAPassingWorker) {
+    Gate g(true);
+    std::atomic<bool> passed{false}, taken{false};
+    std::thread worker([&] {
+        g.pass();
+        passed = true;
+    });
+    std::thread taker([&] {
+        taken = g.acquire(5s);
+        std::this_thread::sleep_for(5ms);
+        g.release();
+    });
+    std::this_thread::sleep_for(20ms);
+    EXPECT_FALSE(passed);
+    g.release();
+    worker.join();
+    taker.join();
+    EXPECT_TRUE(passed && taken);
+    EXPECT_FALSE(g.locked());  // passing leaves the gate as it was
+}
+
+TEST(EchoPool, LatestReplyWinsAndOrderOfFirstFilingIsKept) {
+    EchoPool p;
+    p.put(0xF1, {1});
+    p.put(0xF0, {2});
+    p.put(0xF1, {3});
+    EXPECT_EQ(p.codes(), (std::vector<std::uint32_t>{0xF1, 0xF0}));
+    EXPECT_EQ(p.take(0xF1), (Bytes{3}));
+    EXPECT_EQ(p.take(0xF1), std::nullopt);
+    p.put(0xF2, {});
+    EXPECT_EQ(p.take(0xF2), Bytes{});  // an empty reply is a value
+}
+
+TEST(EchoPool, WaitersAreWokenOnceByTheirCodeAndCancelledWaitersNever) {
+    EchoPool p;
+    auto a = std::make_shared<CountingWaiter>(), b = std::make_shared<CountingWaiter>(), c = std::make_shared<CountingWaiter>();
+    Bytes out;
+    EXPECT_FALSE(p.takeOrWait(7, out, a));
+    EXPECT_FALSE(p.takeOrWait(7, out, b));
+    EXPECT_FALSE(p.takeOrWait(8, out, c));
+    p.cancelWait(7, b.get());
+    p.put(7, {9});
+    p.put(7, {10});
+    EXPECT_EQ(a->woken, 1);
+    EXPECT_EQ(b->woken, 0);
+    EXPECT_EQ(c->woken, 0);
+    EXPECT_TRUE(p.takeOrWait(7, out, a));  // present: taken, not registered
+    EXPECT_EQ(out, (Bytes{10}));
+}
+
+TEST(EchoPool, NoLostWakeUpUnderConcurrentFiling) {
+    // A waiter either takes the reply or is registered before the filing: never neither.
+    for (int round = 0; round < 2000; ++round) {
+        EchoPool p;
+        auto w = std::make_shared<CountingWaiter>();
+        std::thread filer([&] { p.put(1, {1}); });
+        Bytes out;
+        bool taken = p.takeOrWait(1, out, w);
+        filer.join();
+        EXPECT_TRUE(taken || w->woken == 1);
+    }
+}
+
+TEST(StreamQueue, BoundedPutAndTimedGet) {
+    StreamQueue q(2);
+    EXPECT_TRUE(q.put(StreamItem{StreamItem::Kind::Bytes, {1}, nullptr}, 0ns));
+    EXPECT_TRUE(q.put(StreamItem{StreamItem::Kind::Token, {}, nullptr}, 0ns));
+    EXPECT_TRUE(q.full());
+    EXPECT_FALSE(q.put(StreamItem{}, 1ms));
+    std::thread consumer([&] { EXPECT_TRUE(q.get(1s).has_value()); });
+    EXPECT_TRUE(q.put(StreamItem{}, 2s));  // room made by the consumer
+    consumer.join();
+    EXPECT_EQ(q.takeUpTo(10).size(), 2u);
+    EXPECT_FALSE(q.get(1ms).has_value());
+}
+
+TEST(Router, FilesByCodeAndFirstBytes) {
+    DataPools pools;
+    putToDataPool(pools, w::GET_DRIVER_INFO, {1, 2});
+    putToDataPool(pools, w::START_UART_READING, {2, 9, 0x41, 0x42});
+    putToDataPool(pools, w::START_UART_READING, {3, 9});
+    putToDataPool(pools, w::START_AI_STREAMING, {0, 0, 5});
+    putToDataPool(pools, w::START_CAN, {7});
+    putToDataPool(pools, w::START_MOTION_MONITORING, {1, 2, 3});
+    putToDataPool(pools, w::GET_DEVICE_INFO, {1, 4, 5});
+    putToDataPool(pools, w::GET_DEVICE_INFO, {1, 4, 5});
+    putToDataPool(pools, w::GET_DEVICE_INFO, {0, 6});
+    EXPECT_EQ(pools.echo->take(w::GET_DRIVER_INFO), (Bytes{1, 2}));
+    EXPECT_EQ(pools.strm->at({w::START_UART_READING, 2})->get(0ns)->bytes, (Bytes{0x41, 0x42}));
+    EXPECT_EQ(pools.strm->at({w::START_UART_READING, 3})->size(), 1u);
+    EXPECT_EQ(pools.strm->at({w::START_AI_STREAMING, std::nullopt})->get(0ns)->bytes, (Bytes{5}));
+    EXPECT_EQ(pools.strm->at({w::START_CAN, std::nullopt})->get(0ns)->bytes, Bytes{});
+    EXPECT_EQ(pools.strm->at({w::START_MOTION_MONITORING, std::nullopt})->get(0ns)->bytes, (Bytes{1, 2, 3}));
+    EXPECT_EQ(pools.bcst->at(w::GET_DEVICE_INFO)->items(), (std::vector<Bytes>{{4, 5}}));
+    EXPECT_THROW(putToDataPool(pools, w::START_UART_READING, {}), RoutingError);
+    EXPECT_THROW(putToDataPool(pools, w::CHECK_MAC_AND_SET_IP, {}), RoutingError);
+    EXPECT_NO_THROW(putToDataPool(pools, w::START_AI_STREAMING_VARIABLE, {}));
+    EXPECT_EQ(checkCommandType(w::CHECK_MAC_AND_REBOOT, std::vector<std::uint8_t>{2}), CommandType::Ignore);
+}
