@@ -247,7 +247,7 @@ std::optional<std::string> ControlServer::execute(Client* client, const std::str
 
     auto channelArg = [&](std::size_t i) {
         Channel ch = i < w.size() ? channel(w[i]) : Channel::Cmd;
-        if (!unit->port(ch)) throw BadRequest{"unit has no data channel"};
+        if (!unit->transport(ch)) throw BadRequest{"unit has no data channel"};
         return ch;
     };
     auto eachChannel = [&](std::size_t i, auto&& fn) {
@@ -332,7 +332,7 @@ std::optional<std::string> ControlServer::execute(Client* client, const std::str
         std::ostringstream out;
         out << "ok";
         for (Channel ch : {Channel::Cmd, Channel::Data}) {
-            TcpPort* p = unit->port(ch);
+            Transport* p = unit->transport(ch);
             out << ' ' << channelName(ch) << ".accepted=" << (p ? p->accepted() : 0) << ' ' << channelName(ch)
                 << ".open=" << (p ? p->open() : 0);
         }
@@ -357,7 +357,7 @@ std::optional<std::string> ControlServer::execute(Client* client, const std::str
             if (w[i] == "cmd" || w[i] == "data") ch = channelArg(i);
         const auto timeout = seconds(option(w, rest, "timeout").value_or("5"));
         std::function<bool()> done;
-        TcpPort* port = unit->port(ch);
+        Transport* port = unit->transport(ch);
         if (what == "open")
             done = [port] { return port->open() > 0; };
         else if (what == "closed")

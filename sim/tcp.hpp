@@ -12,6 +12,7 @@
 #include "bytes.hpp"
 #include "event_loop.hpp"
 #include "link.hpp"
+#include "transport.hpp"
 
 namespace sim {
 
@@ -45,25 +46,23 @@ private:
     bool finished_ = false;  // FIN sent
 };
 
-class TcpPort {
+class TcpPort final : public Transport {
 public:
     TcpPort(EventLoop& loop, Channel channel, LinkEvents& events);
-    ~TcpPort();
+    ~TcpPort() override;
     TcpPort(const TcpPort&) = delete;
     TcpPort& operator=(const TcpPort&) = delete;
 
     // Binds and listens; port 0 lets the system choose. Throws std::system_error.
     void listen(const in_addr& addr, std::uint16_t port);
     std::uint16_t port() const { return port_; }
-    Channel channel() const { return channel_; }
 
-    Link* find(std::uint64_t id) const;
-    // The most recently accepted link that can still send, or none.
-    Link* newest() const;
-    std::vector<Link*> links() const;  // every link not yet closed, oldest first
-
-    std::uint64_t accepted() const { return accepted_; }
-    std::size_t open() const { return conns_.size(); }
+    Channel channel() const override { return channel_; }
+    Link* find(std::uint64_t id) const override;
+    Link* newest() const override;
+    std::vector<Link*> links() const override;
+    std::uint64_t accepted() const override { return accepted_; }
+    std::size_t open() const override { return conns_.size(); }
 
 private:
     friend class TcpConnection;

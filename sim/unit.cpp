@@ -38,10 +38,13 @@ std::size_t Unit::junk() const {
     return n;
 }
 
-TcpPort* Unit::port(Channel channel) { return channel == Channel::Cmd ? &cmd_ : data_.get(); }
+Transport* Unit::transport(Channel channel) {
+    if (channel == Channel::Cmd) return &cmd_;
+    return data_.get();
+}
 
 bool Unit::writeNow(Channel channel, std::span<const std::uint8_t> bytes) {
-    TcpPort* p = port(channel);
+    Transport* p = transport(channel);
     Link* link = p ? p->newest() : nullptr;
     if (!link) return false;
     link->send(bytes);
@@ -49,7 +52,7 @@ bool Unit::writeNow(Channel channel, std::span<const std::uint8_t> bytes) {
 }
 
 std::size_t Unit::finish(Channel channel) {
-    TcpPort* p = port(channel);
+    Transport* p = transport(channel);
     if (!p) return 0;
     auto links = p->links();
     for (Link* l : links) l->finish();
@@ -57,7 +60,7 @@ std::size_t Unit::finish(Channel channel) {
 }
 
 std::size_t Unit::abort(Channel channel) {
-    TcpPort* p = port(channel);
+    Transport* p = transport(channel);
     if (!p) return 0;
     auto links = p->links();
     for (Link* l : links) l->abort();
@@ -117,7 +120,7 @@ void Unit::pump() {
     while (!outbox_.empty() && outbox_.front().due <= now) {
         Pending p = std::move(outbox_.front());
         outbox_.pop_front();
-        TcpPort* tp = port(p.channel);
+        Transport* tp = transport(p.channel);
         Link* link = tp ? tp->find(p.link) : nullptr;
         if (link && link->writable() && !faults_.silent()) {
             link->send(p.bytes);

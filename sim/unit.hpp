@@ -19,6 +19,7 @@
 #include "frame.hpp"
 #include "link.hpp"
 #include "tcp.hpp"
+#include "transport.hpp"
 #include "traffic_log.hpp"
 
 namespace sim {
@@ -61,7 +62,7 @@ public:
     std::size_t junk() const;
 
     // Null if the unit has no such channel.
-    TcpPort* port(Channel channel);
+    Transport* transport(Channel channel);
 
     // Sends bytes now on the newest writable link of the channel; false if there is none.
     bool writeNow(Channel channel, std::span<const std::uint8_t> bytes);
@@ -97,7 +98,7 @@ private:
     TrafficLog log_;
     Counters counters_;
     TcpPort cmd_;
-    std::unique_ptr<TcpPort> data_;
+    std::unique_ptr<TcpPort> data_;  // Wi-Fi units only
     std::map<Link*, RequestParser> parsers_;
     std::size_t junk_of_closed_ = 0;
     std::deque<Pending> outbox_;  // due times never decrease along the queue
