@@ -25,7 +25,9 @@ public:
 
     template <typename F, typename... Extra>
     PyClass& def(const char* name, F&& f, const Extra&... extra) {
-        py::setattr(cls_, name, py::cpp_function(std::forward<F>(f), py::name(name), py::is_method(cls_), extra...));
+        // pybind11 takes a function named __init__ for the constructor of one of its own types.
+        const char* fn_name = std::string_view(name) == "__init__" ? "init" : name;
+        py::setattr(cls_, name, py::cpp_function(std::forward<F>(f), py::name(fn_name), py::is_method(cls_), extra...));
         return *this;
     }
 

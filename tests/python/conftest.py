@@ -52,3 +52,25 @@ def _placed(unit):
     cls, _, serial = unit.partition(",serial=")
     return simctl.unit_spec(cls, serial=serial or None)
 # ---- end of torvik-sim ------------------------------------------------------------------------
+
+
+# ---- handles ----------------------------------------------------------------------------------
+# make_dev: a factory; make_dev(devices.Probe) builds a handle (verbose=False unless given) and
+# closes it at teardown, or, when a test left it stuck, ends its threads by force.
+
+import devices  # noqa: E402
+
+
+@pytest.fixture
+def make_dev():
+    made = []
+
+    def make(cls, **kwargs):
+        kwargs.setdefault("verbose", False)
+        dev = cls(**kwargs)
+        made.append(dev)
+        return dev
+
+    yield make
+    for dev in made:
+        devices.force_end(dev)

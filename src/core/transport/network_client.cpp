@@ -164,11 +164,13 @@ void NetworkClient::sendPacket(std::span<const std::uint8_t> bytes) {
 
 void NetworkClient::disconnect() {
     auto sock = requireSocket("shutdown");
+    // A reader leaves its wait even when the shutdown fails: it goes back to its gate, and the
+    // socket stays as it is.
+    sock->cancel();
     if (::shutdown(sock->fd(), SHUT_RDWR) != 0) {
         int err = errno;
         throw ConnectionLost(std::string("shutdown: ") + std::strerror(err));
     }
-    sock->cancel();
     std::lock_guard lock(mutex_);
     if (sock_ == sock) sock_.reset();
 }

@@ -61,8 +61,8 @@ public:
     std::vector<wire::Packet> recvAndSplitPacket(std::size_t length, bool park_when_ended = false);
     // One send of the bytes; a partial send is not completed.
     void sendPacket(std::span<const std::uint8_t> bytes) override;
-    // Shuts the socket down both ways and lets it go. Throws ConnectionLost (socket kept) when
-    // the shutdown fails, NoSocket when there is none.
+    // Wakes a blocked reader for good, shuts the socket down both ways and lets it go. Throws
+    // ConnectionLost (socket kept) when the shutdown fails, NoSocket when there is none.
     void disconnect();
 
 protected:

@@ -1,0 +1,72 @@
+"""Compositions of a connection base with the request/reply layer, as handles are built.
+
+A class whose name is a key of LABEL_DICT prints its label in the connect messages; Probe has no
+label and is constructed with verbose=False.
+"""
+import threading
+
+import pytorvik
+
+
+class Probe(pytorvik.ETHDevice, pytorvik.Packet):
+    pass
+
+
+class TorvikLanLogic(pytorvik.ETHDevice, pytorvik.Packet):
+    pass
+
+
+class TorvikAirAnalog(pytorvik.WifiDevice, pytorvik.Packet):
+    pass
+
+
+class DeviceFinder(pytorvik.BroadcastDevice, pytorvik.Packet):
+    pass
+
+
+def receive_threads(dev):
+    return [getattr(dev, n) for n in ("recv_cmd_thread", "recv_data_thread", "recv_udp_thread") if hasattr(dev, n)]
+
+
+GATES = (("connect_status_cmd", "recv_cmd_lock"), ("connect_status_data", "recv_data_lock"),
+         ("connect_status_udp", "recv_udp_lock"))
+
+
+def force_end(dev, timeout=5.0):
+    """Closes a device, or, if a test left it where close would block, ends its threads by force."""
+    stuck = any(getattr(dev, status, False) and getattr(dev, gate).locked() for status, gate in GATES)
+    if not dev.killed and not stuck:
+        try:
+            if getattr(dev, "connect_status_cmd", False) or getattr(dev, "connect_status_udp", False):
+                dev.disconnect(verbose=False)  # close would disconnect verbosely
+            dev.close(verbose=False)
+        except pytorvik.NetworkConnectionLostError:
+            pass
+    dev.killed = True
+    for name in ("client_cmd", "client_data", "client_udp"):
+        client = getattr(dev, name, None)
+        if client is not None and client.socket != 0:
+            try:
+                client.disconnect()  # wakes a reader that waits on it
+            except pytorvik.Error:
+                pass
+    for name in ("recv_cmd_lock", "recv_data_lock", "recv_udp_lock"):
+        gate = getattr(dev, name, None)
+        if gate is not None and gate.locked():
+            gate.release()
+    for t in receive_threads(dev):
+        t.join(timeout)
+    alive = [t.name for t in receive_threads(dev) if t.is_alive()]
+    assert not alive, "threads still running: %s" % alive
+
+
+def thread_cpu_seconds(thread):
+    """CPU time a thread has used so far (Linux)."""
+    with open("/proc/self/task/%d/stat" % thread.native_id) as f:
+        fields = f.read().rsplit(")", 1)[1].split()
+    ticks = int(fields[11]) + int(fields[12])
+    import os
+    return ticks / os.sysconf("SC_CLK_TCK")
+
+
+assert threading  # re-exported for tests that wait on threads

@@ -1,0 +1,134 @@
+"""Life cycle of the network device bases against the emulator: gates, threads, printed lines."""
+import threading
+import time
+
+import pytest
+
+import pytorvik
+from devices import DeviceFinder, Probe, TorvikAirAnalog, TorvikLanLogic, thread_cpu_seconds
+
+
+@pytest.fixture
+def lan(sim):
+    return sim("TorvikLanLogic").unit
+
+
+@pytest.fixture
+def air(sim):
+    return sim("TorvikAirAnalog").unit
+
+
+def test_composition_fields_threads_and_gates(make_dev):
+    dev = make_dev(Probe)
+    assert Probe.__mro__ == (Probe, pytorvik.ETHDevice, pytorvik.NetworkDevice, pytorvik.Device, pytorvik.Packet, object)
+    assert (dev.killed, dev.ip_addr, dev.connect_status_cmd, dev.client_cmd.socket) == (False, None, False, 0)
+    t = dev.recv_cmd_thread
+    assert isinstance(t, threading.Thread) and not t.daemon and t.is_alive() and "_recvCMDThread" in t.name
+    gate = dev.recv_cmd_lock
+    assert gate.locked() and not gate.acquire(False) and not gate.acquire(timeout=0.01)
+    free = pytorvik.Gate()
+    with pytest.raises(RuntimeError, match="release unlocked lock"):
+        free.release()
+    with pytest.raises(KeyError):
+        dev._getDeviceName()
+
+
+def test_life_cycle_and_printed_lines(lan, make_dev, capsys):
+    dev = make_dev(TorvikLanLogic, verbose=True)
+    assert dev.connect(lan.addr, port=lan.cmd_port) is True
+    assert dev.connect(lan.addr, port=lan.cmd_port) is None  # already connected: nothing, silently
+    lan.wait_connected()
+    dev.disconnect()
+    dev.disconnect()
+    lan.wait_disconnected()
+    assert dev.connect(lan.addr, port=lan.cmd_port) is True
+    dev.close(verbose=False)  # close does not pass verbose on to its disconnect
+    dev.close()
+    assert capsys.readouterr().out == (
+        "Opened handle (Torvik-LAN-Logic)\n"
+        "Connected to {a} (Torvik-LAN-Logic)\n"
+        "Disconnected from {a} (Torvik-LAN-Logic)\n"
+        "Connected to {a} (Torvik-LAN-Logic)\n"
+        "Disconnected from {a} (Torvik-LAN-Logic)\n".format(a=lan.addr))
+    dev.recv_cmd_thread.join(2)
+    assert not dev.recv_cmd_thread.is_alive() and dev.client_cmd is None and dev.killed
+
+
+def test_close_without_connect_ends_the_thread_silently(make_dev, capsys):
+    dev = make_dev(TorvikLanLogic, verbose=True)
+    dev.close()
+    dev.recv_cmd_thread.join(2)
+    assert not dev.recv_cmd_thread.is_alive()
+    assert capsys.readouterr() == ("Opened handle (Torvik-LAN-Logic)\nClosed handle (Torvik-LAN-Logic)\n", "")
+
+
+def test_refused_connect_leaves_the_object_reusable(lan, loopback_addr, make_dev):
+    dev = make_dev(Probe)
+    with pytest.raises(pytorvik.NetworkConnectionError) as info:
+        dev.connect(loopback_addr, port=lan.cmd_port, verbose=False)
+    assert info.value.code == -8002
+    assert (dev.connect_status_cmd, dev.ip_addr, dev.recv_cmd_lock.locked()) == (False, None, True)
+    assert dev.connect(lan.addr, port=lan.cmd_port, verbose=False) is True and dev.ip_addr == lan.addr
+
+
+def test_wifi_data_connection_and_its_own_gate(air, make_dev, capsys):
+    dev = make_dev(TorvikAirAnalog, verbose=True)
+    assert TorvikAirAnalog.__mro__[1:4] == (pytorvik.WifiDevice, pytorvik.NetworkDevice, pytorvik.Device)
+    with pytest.raises(pytorvik.NetworkConnectionError):
+        dev.connect(air.addr, port1=air.cmd_port, port2=1)  # wrong data port: command link stays
+    assert (dev.connect_status_cmd, dev.connect_status_data) == (True, False)
+    dev.disconnect()  # only the command link was up: no line
+    assert dev.connect(air.addr, port1=air.cmd_port, port2=air.data_port) is True
+    air.wait_connected("data")
+    dev.close()
+    out = capsys.readouterr().out.splitlines()
+    assert out == ["Opened handle (Torvik-Air-Analog)",
+                   "Connected to %s (Torvik-Air-Analog)" % air.addr,
+                   "Disconnected from %s (Torvik-Air-Analog)" % air.addr,
+                   "Closed handle (Torvik-Air-Analog)"]
+    for t in (dev.recv_cmd_thread, dev.recv_data_thread):
+        t.join(2)
+        assert not t.is_alive()
+
+
+def test_peer_shutdown_parks_the_thread_without_burning_cpu(lan, make_dev):
+    dev = make_dev(Probe)
+    dev.connect(lan.addr, port=lan.cmd_port, verbose=False)
+    lan.wait_connected()
+    lan.shutdown()
+    time.sleep(0.05)
+    before = thread_cpu_seconds(dev.recv_cmd_thread)
+    time.sleep(0.3)
+    assert thread_cpu_seconds(dev.recv_cmd_thread) - before < 0.05
+    assert dev.connect_status_cmd is True
+    dev.disconnect(verbose=False)
+    assert dev.connect_status_cmd is False and dev.recv_cmd_lock.locked()
+
+
+def test_reset_connection_then_disconnect_fails_and_leaves_the_gate_held(lan, make_dev):
+    dev = make_dev(Probe)
+    dev.connect(lan.addr, port=lan.cmd_port, verbose=False)
+    lan.wait_connected()
+    lan.reset()
+    lan.wait_disconnected()
+    time.sleep(0.05)
+    with pytest.raises(pytorvik.NetworkConnectionLostError) as info:
+        dev.disconnect(verbose=False)
+    assert str(info.value) == "Error -8007: Network DAQ connection lost."
+    assert dev.connect_status_cmd is True and dev.recv_cmd_lock.locked() and dev.client_cmd.socket != 0
+    # A further disconnect would wait for ever on the gate its own earlier call holds.
+    assert not dev.recv_cmd_lock.acquire(timeout=0.05)
+
+
+def test_broadcast_device_binds_and_its_disconnect_is_a_lost_connection(make_dev, capsys):
+    dev = make_dev(DeviceFinder, verbose=True)
+    try:
+        assert dev.connect() is True
+    except pytorvik.NetworkConnectionError:
+        pytest.skip("UDP port %d is in use on this machine" % pytorvik.UDP_RECV_PORT)
+    assert dev.connect() is None
+    # shutdown() of an unconnected datagram socket is an error on Linux.
+    with pytest.raises(pytorvik.NetworkConnectionLostError):
+        dev.disconnect()
+    assert dev.connect_status_udp is True and dev.recv_udp_lock.locked()
+    assert capsys.readouterr().out == "Opened handle (Device finder)\nBinded Device finder\n"
