@@ -74,15 +74,15 @@ void EventLoop::cancel(TimerId id) {
 }
 
 void EventLoop::rearmTimer() {
-    itimerspec spec{};  // all zero disarms
+    itimerspec when{};  // all zero disarms
     if (!timers_.empty()) {
         auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(timers_.begin()->first.first.time_since_epoch()).count();
         if (ns <= 0) ns = 1;  // zero would disarm
-        spec.it_value.tv_sec = static_cast<time_t>(ns / 1000000000);
-        spec.it_value.tv_nsec = static_cast<long>(ns % 1000000000);
+        when.it_value.tv_sec = static_cast<time_t>(ns / 1000000000);
+        when.it_value.tv_nsec = static_cast<long>(ns % 1000000000);
     }
     // steady_clock is CLOCK_MONOTONIC on Linux, so its time points are absolute timerfd times.
-    if (timerfd_settime(timerfd_, TFD_TIMER_ABSTIME, &spec, nullptr) < 0) fail("timerfd_settime");
+    if (timerfd_settime(timerfd_, TFD_TIMER_ABSTIME, &when, nullptr) < 0) fail("timerfd_settime");
 }
 
 void EventLoop::fireTimers() {

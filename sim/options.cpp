@@ -14,11 +14,11 @@ const char* const kUsage =
 
 namespace {
 
-std::uint16_t parsePort(const std::string& text, const std::string& spec) {
+std::uint16_t parsePort(const std::string& text, const std::string& unit_arg) {
     unsigned v = 0;
     auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), v);
     if (text.empty() || ec != std::errc{} || end != text.data() + text.size() || v > 65535)
-        throw UsageError{"bad port '" + text + "' in --unit " + spec};
+        throw UsageError{"bad port '" + text + "' in --unit " + unit_arg};
     return static_cast<std::uint16_t>(v);
 }
 
@@ -32,19 +32,19 @@ std::string defaultSerial(std::string_view cls, std::size_t index) {
     return "SIM" + initials + number;
 }
 
-UnitConfig parseUnit(const std::string& spec, std::size_t index) {
+UnitConfig parseUnit(const std::string& unit_arg, std::size_t index) {
     namespace products = torvik::products;
     UnitConfig cfg;
-    std::string head = spec, serial;
-    if (auto comma = spec.find(','); comma != std::string::npos) {
-        head = spec.substr(0, comma);
-        std::string opt = spec.substr(comma + 1);
+    std::string head = unit_arg, serial;
+    if (auto comma = unit_arg.find(','); comma != std::string::npos) {
+        head = unit_arg.substr(0, comma);
+        std::string opt = unit_arg.substr(comma + 1);
         if (opt.rfind("serial=", 0) != 0 || opt.size() == 7 || opt.find(',') != std::string::npos)
-            throw UsageError{"bad option '" + opt + "' in --unit " + spec + " (only serial=SERIAL)"};
+            throw UsageError{"bad option '" + opt + "' in --unit " + unit_arg + " (only serial=SERIAL)"};
         serial = opt.substr(7);
     }
     auto at = head.find('@');
-    if (at == std::string::npos) throw UsageError{"--unit " + spec + ": expected CLASS@ADDR"};
+    if (at == std::string::npos) throw UsageError{"--unit " + unit_arg + ": expected CLASS@ADDR"};
     const std::string cls = head.substr(0, at);
     cfg.product = products::findProduct(cls);
     if (!cfg.product) {
@@ -66,18 +66,18 @@ UnitConfig parseUnit(const std::string& spec, std::size_t index) {
         if (colon == std::string::npos) break;
         from = colon + 1;
     }
-    if (parts.size() > 3) throw UsageError{"--unit " + spec + ": too many ports"};
+    if (parts.size() > 3) throw UsageError{"--unit " + unit_arg + ": too many ports"};
     cfg.addr_text = parts[0];
     if (inet_pton(AF_INET, cfg.addr_text.c_str(), &cfg.addr) != 1)
-        throw UsageError{"bad IPv4 address '" + cfg.addr_text + "' in --unit " + spec};
+        throw UsageError{"bad IPv4 address '" + cfg.addr_text + "' in --unit " + unit_arg};
     // Traffic must never leave this host.
     if ((ntohl(cfg.addr.s_addr) >> 24) != 127)
         throw UsageError{"address " + cfg.addr_text + " is not a loopback address (127.0.0.0/8)"};
-    if (parts.size() > 1) cfg.cmd_port = parsePort(parts[1], spec);
+    if (parts.size() > 1) cfg.cmd_port = parsePort(parts[1], unit_arg);
     if (parts.size() > 2) {
         if (cfg.product->link != products::Link::Wifi)
-            throw UsageError{"'" + cls + "' has no data connection; drop the second port in --unit " + spec};
-        cfg.data_port = parsePort(parts[2], spec);
+            throw UsageError{"'" + cls + "' has no data connection; drop the second port in --unit " + unit_arg};
+        cfg.data_port = parsePort(parts[2], unit_arg);
     }
     cfg.serial = serial.empty() ? defaultSerial(cls, index) : serial;
     return cfg;

@@ -1,6 +1,6 @@
 // The command line:
-//   torvik-sim [--unit SPEC]... [--control PATH] [-- COMMAND ARGS...]
-//   SPEC = CLASS@ADDR[:CMDPORT[:DATAPORT]][,serial=SERIAL]
+//   torvik-sim [--unit UNIT]... [--control PATH] [-- COMMAND ARGS...]
+//   UNIT = CLASS@ADDR[:CMDPORT[:DATAPORT]][,serial=SERIAL]
 // CLASS is a product class; ADDR a loopback IPv4 address (127.0.0.0/8); ports default to 7 and, for
 // Wi-Fi units, 1336 for the data connection; port 0 lets the system choose.
 #pragma once

@@ -3,7 +3,7 @@ import pytest
 
 # ---- torvik-sim: the unit emulator ------------------------------------------------------------
 # sim:           a factory; sim("TorvikCore", "TorvikAirAnalog,serial=AA1") starts one emulator
-#                with those units, each on a fresh loopback address (a full spec with "@" is taken
+#                with those units, each on a fresh loopback address (a full unit argument with "@" is taken
 #                as it is), and returns a simctl.Sim; every emulator started is stopped at
 #                teardown, and one that did not end cleanly fails the test. Keyword options go
 #                to simctl.Sim (control=PATH, binary=PATH, start_timeout=S).

@@ -104,14 +104,14 @@ def unit_spec(cls, addr=None, cmd_port=None, data_port=None, serial=None):
     default = None if os.geteuid() == 0 else 0
     cmd_port = default if cmd_port is None else cmd_port
     data_port = default if data_port is None else data_port
-    spec = "%s@%s" % (cls, addr)
+    unit_arg = "%s@%s" % (cls, addr)
     if cmd_port is not None or data_port is not None:
-        spec += ":%d" % (7 if cmd_port is None else cmd_port)
+        unit_arg += ":%d" % (7 if cmd_port is None else cmd_port)
         if data_port is not None and cls.split(",")[0] in WIFI_CLASSES:
-            spec += ":%d" % data_port
+            unit_arg += ":%d" % data_port
     if serial:
-        spec += ",serial=" + serial
-    return spec
+        unit_arg += ",serial=" + serial
+    return unit_arg
 
 
 def _code(code):
@@ -297,8 +297,8 @@ class Sim:
 
     def start(self):
         argv = [self.binary]
-        for spec in self.specs:
-            argv += ["--unit", spec]
+        for unit_arg in self.specs:
+            argv += ["--unit", unit_arg]
         if self.control_path:
             argv += ["--control", self.control_path]
         self._stderr = tempfile.TemporaryFile()
@@ -405,6 +405,6 @@ class Sim:
 def run_with_command(units, command, timeout=30.0):
     """Runs `torvik-sim --unit ... -- command`; returns the CompletedProcess (output captured)."""
     argv = [sim_binary()]
-    for spec in units:
-        argv += ["--unit", spec]
+    for unit_arg in units:
+        argv += ["--unit", unit_arg]
     return subprocess.run(argv + ["--"] + list(command), capture_output=True, timeout=timeout)

@@ -406,7 +406,7 @@ def test_log_filter_and_clear(core, host):
 
 # ---- command line, control requests and process life --------------------------------------------
 
-@pytest.mark.parametrize("spec,message", [
+@pytest.mark.parametrize("unit_arg,message", [
     ("NoSuchUnit@127.0.0.2", "unknown product class 'NoSuchUnit'"),
     ("TorvikCore@10.1.2.3", "not a loopback address"),
     ("TorvikCore@localhost", "bad IPv4 address"),
@@ -415,8 +415,8 @@ def test_log_filter_and_clear(core, host):
     ("TorvikUsbLogic@127.0.0.2", "USB unit"),
     ("TorvikCore@127.0.0.2,colour=red", "bad option"),
 ])
-def test_bad_command_lines(spec, message):
-    r = subprocess.run([simctl.sim_binary(), "--unit", spec], capture_output=True, timeout=10)
+def test_bad_command_lines(unit_arg, message):
+    r = subprocess.run([simctl.sim_binary(), "--unit", unit_arg], capture_output=True, timeout=10)
     assert r.returncode == 2
     assert message in r.stderr.decode()
     assert r.stdout == b""
@@ -439,9 +439,9 @@ def test_port_in_use_fails_before_ready(loopback_addr):
     with socket.socket() as taken:
         taken.bind((loopback_addr, 0))
         taken.listen()
-        spec = "TorvikCore@%s:%d" % (loopback_addr, taken.getsockname()[1])
+        unit_arg = "TorvikCore@%s:%d" % (loopback_addr, taken.getsockname()[1])
         with pytest.raises(simctl.SimError, match="in use"):
-            simctl.Sim(spec).start()
+            simctl.Sim(unit_arg).start()
 
 
 def test_control_selection_and_errors(sim, loopback_addr):

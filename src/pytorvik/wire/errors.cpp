@@ -140,11 +140,11 @@ void bindErrors(py::module_& m) {
                                   const py::kwargs& kwargs) { warningInit(self, code, msg, kwargs); },
                                py::is_method(warning), py::arg("code"), py::arg("msg")));
 
-    for (const auto& spec : w::kErrorClasses) {
-        const bool is_warning = spec.base == w::ErrorBase::Warning;
-        py::object cls = makeClass(m, spec.name, is_warning ? warning : error, spec.msg);
-        py::int_ code(spec.code);
-        py::str default_msg(spec.msg.data(), spec.msg.size());
+    for (const auto& row : w::kErrorClasses) {
+        const bool is_warning = row.base == w::ErrorBase::Warning;
+        py::object cls = makeClass(m, row.name, is_warning ? warning : error, row.msg);
+        py::int_ code(row.code);
+        py::str default_msg(row.msg.data(), row.msg.size());
         auto init = [code, default_msg, is_warning](py::handle self, py::object msg, const py::args&, const py::kwargs& kwargs) {
             if (msg.is_none()) msg = default_msg;
             if (is_warning)
