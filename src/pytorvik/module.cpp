@@ -2,6 +2,7 @@
 #include "bindings.hpp"
 #include "blocking.hpp"
 #include "device/device_binding.hpp"
+#include "services/modules.hpp"
 
 #ifndef TORVIK_VERSION
 #error "TORVIK_VERSION must come from the build"
@@ -39,4 +40,9 @@ PYBIND11_MODULE(pytorvik, m) {
     tb::bindPools(m);
     tb::bindDevices(m);
     tb::bindPacket(m);
+    tb::bindSystemModule(m);
+    tb::bindNetworkModule(m);
+    tb::bindWifiModules(m);
+    tb::bindDIOModule(m);
+    tb::bindHandles(m);
 }

@@ -16,8 +16,9 @@ class TorvikLanLogic(pytorvik.ETHDevice, pytorvik.Packet):
     pass
 
 
-class TorvikAirAnalog(pytorvik.WifiDevice, pytorvik.Packet):
-    pass
+class TorvikAirAnalog(pytorvik.WifiDevice, pytorvik.SystemModule, pytorvik.SystemAnalogModule, pytorvik.NetworkModule,
+                      pytorvik.WifiModule):
+    """The Wi-Fi unit's services, without its analog input."""
 
 
 class DeviceFinder(pytorvik.BroadcastDevice, pytorvik.Packet):

@@ -258,6 +258,28 @@ Co<> awaitReply(std::shared_ptr<device::EchoPool> pool, std::uint32_t code, std:
     }
 }
 
+Co<> awaitObject(py::object awaitable) {
+    if (py::isinstance<AsyncOp>(awaitable)) {
+        if (Co<> body = py::cast<AsyncOp&>(awaitable).takeBody()) co_return co_await body;
+    }
+    py::object it = awaitable.attr("__await__")();
+    py::object thrown;
+    for (;;) {
+        py::object yielded;
+        try {
+            yielded = thrown ? it.attr("throw")(std::exchange(thrown, py::object())) : it.attr("send")(py::none());
+        } catch (py::error_already_set& e) {
+            if (!e.matches(PyExc_StopIteration)) throw;
+            co_return e.value().attr("value");
+        }
+        try {
+            co_await Yield{yielded};
+        } catch (py::error_already_set& e) {
+            thrown = e.value();  // handed to the inner awaitable on the next round
+        }
+    }
+}
+
 py::object AsyncOp::advance() {
     if (body_.done()) {
         Co<> finished = std::move(body_);

@@ -22,6 +22,12 @@ public:
     py::object throwIn(py::handle typ, py::handle val, py::handle tb);
     void close();
     const char* name() const { return name_; }
+    // The body of an operation that has not started, for awaiting it inline; empty otherwise.
+    Co<> takeBody() {
+        if (started_) return Co<>();
+        started_ = true;
+        return std::move(body_);
+    }
 
 private:
     py::object advance();
@@ -33,6 +39,10 @@ private:
 
 // Wraps a body as an operation object.
 py::object makeOp(Co<> body, const char* name);
+
+// Awaits any awaitable from inside a body: one of our operations runs inline, anything else is
+// driven through its __await__ iterator, its futures handed on to the task.
+Co<> awaitObject(py::object awaitable);
 
 // Waits until the echo pool holds a reply of `code` and takes it (bytes). With a time limit,
 // throws TimedOut when it runs out; a limit of 0 or less fails at once unless the reply is

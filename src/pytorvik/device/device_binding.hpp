@@ -5,6 +5,7 @@
 
 #include <memory>
 
+#include "aio/coro.hpp"
 #include "device/gate.hpp"
 #include "device/receiver.hpp"
 
@@ -29,6 +30,10 @@ std::shared_ptr<device::Gate> gateOf(py::handle gate);
 py::object newGate(bool held);
 py::object streamItemToPython(device::StreamItem&& item);
 py::object makePoolView(const device::DataPools& pools, const char* which);
+
+// The packet layer's request with retries, as _echoPacketWithRetry_async runs it.
+aio::Co<> echoPacketWithRetry(py::object self, py::object cmd, py::object data_out, py::object num_retries,
+                              py::object timeout);
 
 // The module object, for module-level tables such as LABEL_DICT.
 py::module_& moduleObject();

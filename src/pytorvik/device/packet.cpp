@@ -113,6 +113,8 @@ Co<> echoPacket(py::object self, py::object cmd, py::object data_out, py::object
     co_return py::none();
 }
 
+}  // namespace
+
 Co<> echoPacketWithRetry(py::object self, py::object cmd, py::object data_out, py::object num_retries, py::object timeout) {
     py::object value = py::none();
     py::object count = py::int_(0);
@@ -133,6 +135,8 @@ Co<> echoPacketWithRetry(py::object self, py::object cmd, py::object data_out, p
     if (timed_out) aio::raiseLoopTimeout();
     co_return value;
 }
+
+namespace {
 
 Co<> sendPacketWithoutReply(py::object self, py::object cmd, py::object data_out) {
     sendCommand(self, cmd, data_out);

@@ -9,6 +9,7 @@
 
 #include "bindings.hpp"
 #include "wire/bytes.hpp"
+#include "wire/convert_py.hpp"
 
 namespace torvik::py_binding {
 
@@ -199,6 +200,77 @@ bool checkFuncPinMap(py::handle cell, py::handle pinmap_list, py::handle allow_s
 
 }  // namespace
 
+py::list u16To2U8(py::handle value) { return packInt<std::uint16_t>(value); }
+py::object u8x2ToU16(py::handle int_list) { return py::int_(unpackExact<std::uint16_t>(int_list)); }
+py::object u8x2ToI16(py::handle int_list) { return py::int_(unpackExact<std::int16_t>(int_list)); }
+
+py::str u8ListToStr(py::handle int_list) {
+    py::bytes b = asBytes(int_list);
+    std::string_view v = b;
+    auto text = py::reinterpret_steal<py::str>(PyUnicode_DecodeUTF8(v.data(), static_cast<Py_ssize_t>(v.size()), "strict"));
+    if (!text) throw py::error_already_set();
+    Py_ssize_t nul = PyUnicode_FindChar(text.ptr(), 0, 0, PyUnicode_GetLength(text.ptr()), 1);
+    if (nul < 0) return text;
+    return py::reinterpret_steal<py::str>(PyUnicode_Substring(text.ptr(), 0, nul));
+}
+
+py::list strToU8List(py::handle str_) {
+    py::list out;
+    py::object ord = py::module_::import("builtins").attr("ord");
+    for (py::handle ch : py::reinterpret_borrow<py::iterable>(str_)) out.append(ord(ch));
+    return out;
+}
+
+py::list ipAddrTo4U8(py::handle value) {
+    if (!PyUnicode_Check(value.ptr()))
+        throw py::type_error("inet_aton() argument 1 must be str, not " + std::string(py::str(py::type::handle_of(value).attr("__name__"))));
+    std::string text = py::cast<std::string>(value);
+    if (text.find('\0') != std::string::npos) throw py::value_error("embedded null character");
+    in_addr addr{};
+    if (inet_aton(text.c_str(), &addr) == 0) {
+        PyErr_SetString(PyExc_OSError, "illegal IP address string passed to inet_aton");
+        throw py::error_already_set();
+    }
+    return toList(w::packBE<std::uint32_t>(ntohl(addr.s_addr)));
+}
+
+py::list macAddrTo6U8(py::handle str_) {
+    py::list out;
+    py::object to_int = py::module_::import("builtins").attr("int");
+    for (py::handle part : py::reinterpret_borrow<py::object>(str_).attr("split")(":")) out.append(to_int(part, 16));
+    return out;
+}
+
+py::list convertIntToBinaryList(py::handle value_int, py::handle width) { return intToBinaryList(value_int, width); }
+py::list convertIntToIndexList(py::handle value_int) { return intToIndexList(value_int); }
+
+py::object indexAndBinaryListsToInt(py::handle index_list, py::handle binary_list) {
+    py::list bits = coerce(binary_list, py::int_(0), py::int_(1));
+    py::object value = py::int_(0);
+    std::size_t i = 0;
+    for (py::handle index : py::reinterpret_borrow<py::iterable>(index_list)) {
+        if (i == bits.size()) break;
+        value = orShifted(value, bits[i++], index);
+    }
+    return value;
+}
+
+py::object indexListToInt(py::handle index_list) {
+    py::object value = py::int_(0);
+    for (py::handle index : py::reinterpret_borrow<py::iterable>(index_list)) value = orShifted(value, py::int_(1), index);
+    return value;
+}
+
+void checkInputType(py::handle data, py::handle correct_type) {
+    int r = PyObject_IsInstance(data.ptr(), correct_type.ptr());
+    if (r < 0) throw py::error_already_set();
+    if (r == 0) raiseError("InputTypeNotCorrectError");
+}
+
+void checkInputTypeConsistent(py::handle data, py::handle data2) {
+    if (Py_TYPE(data.ptr()) != Py_TYPE(data2.ptr())) raiseError("InputTypeNotConsistentError");
+}
+
 void bindConvert(py::module_& m) {
     m.def("convert2U8ToU16", [](py::handle l) { return unpackExact<std::uint16_t>(l); }, py::arg("int_list"));
     m.def("convert4U8ToU32", [](py::handle l) { return unpackExact<std::uint32_t>(l); }, py::arg("int_list"));
@@ -209,7 +281,7 @@ void bindConvert(py::module_& m) {
     m.def("convert4U8ToF32", [](py::handle l) { return static_cast<double>(unpackExact<float>(l)); }, py::arg("int_list"));
     m.def("convert8U8ToF64", [](py::handle l) { return unpackExact<double>(l); }, py::arg("int_list"));
 
-    m.def("convertU16To2U8", [](py::handle v) { return packInt<std::uint16_t>(v); }, py::arg("value"));
+    m.def("convertU16To2U8", &u16To2U8, py::arg("value"));
     m.def("convertU32To4U8", [](py::handle v) { return packInt<std::uint32_t>(v); }, py::arg("value"));
     m.def("convertU64To8U8", [](py::handle v) { return packInt<std::uint64_t>(v); }, py::arg("value"));
     m.def("convertI16To2U8", [](py::handle v) { return packInt<std::int16_t>(v); }, py::arg("value"));
@@ -218,72 +290,14 @@ void bindConvert(py::module_& m) {
     m.def("convertF32To4U8", [](py::handle v) { return toList(w::packBE<float>(static_cast<float>(asDouble(v)))); }, py::arg("value"));
     m.def("convertF64To8U8", [](py::handle v) { return toList(w::packBE<double>(asDouble(v))); }, py::arg("value"));
 
-    m.def(
-        "convertU8ListToStr",
-        [](py::handle int_list) {
-            py::bytes b = asBytes(int_list);
-            std::string_view v = b;
-            py::str text = py::reinterpret_steal<py::str>(PyUnicode_DecodeUTF8(v.data(), static_cast<Py_ssize_t>(v.size()), "strict"));
-            if (!text) throw py::error_already_set();
-            Py_ssize_t nul = PyUnicode_FindChar(text.ptr(), 0, 0, PyUnicode_GetLength(text.ptr()), 1);
-            if (nul < 0) return text;
-            return py::reinterpret_steal<py::str>(PyUnicode_Substring(text.ptr(), 0, nul));
-        },
-        py::arg("int_list"));
-    m.def(
-        "convertStrToU8List",
-        [](py::handle str_) {
-            py::list out;
-            py::object ord = py::module_::import("builtins").attr("ord");
-            for (py::handle ch : py::reinterpret_borrow<py::iterable>(str_)) out.append(ord(ch));
-            return out;
-        },
-        py::arg("str_"));
-    m.def(
-        "convertIPAddrTo4U8",
-        [](py::str value) {
-            std::string text = value;
-            if (text.find('\0') != std::string::npos) throw py::value_error("embedded null character");
-            in_addr addr{};
-            if (inet_aton(text.c_str(), &addr) == 0) {
-                PyErr_SetString(PyExc_OSError, "illegal IP address string passed to inet_aton");
-                throw py::error_already_set();
-            }
-            return toList(w::packBE<std::uint32_t>(ntohl(addr.s_addr)));
-        },
-        py::arg("value"));
-    m.def(
-        "convertMACAddrTo6U8",
-        [](py::handle str_) {
-            py::list out;
-            py::object to_int = py::module_::import("builtins").attr("int");
-            for (py::handle part : py::reinterpret_borrow<py::object>(str_).attr("split")(":")) out.append(to_int(part, 16));
-            return out;
-        },
-        py::arg("str_"));
+    m.def("convertU8ListToStr", &u8ListToStr, py::arg("int_list"));
+    m.def("convertStrToU8List", &strToU8List, py::arg("str_"));
+    m.def("convertIPAddrTo4U8", &ipAddrTo4U8, py::arg("value"));
+    m.def("convertMACAddrTo6U8", &macAddrTo6U8, py::arg("str_"));
 
     m.def("convertIntToBinaryList", &intToBinaryList, py::arg("value_int"), py::arg("width"));
-    m.def(
-        "convertIndexAndBinaryListsToInt",
-        [](py::handle index_list, py::handle binary_list) {
-            py::list bits = coerce(binary_list, py::int_(0), py::int_(1));
-            py::object value = py::int_(0);
-            std::size_t i = 0;
-            for (py::handle index : py::reinterpret_borrow<py::iterable>(index_list)) {
-                if (i == bits.size()) break;
-                value = orShifted(value, bits[i++], index);
-            }
-            return value;
-        },
-        py::arg("index_list"), py::arg("binary_list"));
-    m.def(
-        "convertIndexListToInt",
-        [](py::handle index_list) {
-            py::object value = py::int_(0);
-            for (py::handle index : py::reinterpret_borrow<py::iterable>(index_list)) value = orShifted(value, py::int_(1), index);
-            return value;
-        },
-        py::arg("index_list"));
+    m.def("convertIndexAndBinaryListsToInt", &indexAndBinaryListsToInt, py::arg("index_list"), py::arg("binary_list"));
+    m.def("convertIndexListToInt", &indexListToInt, py::arg("index_list"));
     m.def("convertIntToIndexList", &intToIndexList, py::arg("value_int"));
 
     m.def("coerce", &coerce, py::arg("list_"), py::arg("lower") = 0, py::arg("upper") = 1);
@@ -294,16 +308,14 @@ void bindConvert(py::module_& m) {
     m.def(
         "checkInputType",
         [](py::handle data, py::handle correct_type) {
-            int r = PyObject_IsInstance(data.ptr(), correct_type.ptr());
-            if (r < 0) throw py::error_already_set();
-            if (r == 0) raiseError("InputTypeNotCorrectError");
+            checkInputType(data, correct_type);
             return true;
         },
         py::arg("data"), py::arg("correct_type") = int_and_list);
     m.def(
         "checkInputTypeConsistent",
         [](py::handle data, py::handle data2) {
-            if (Py_TYPE(data.ptr()) != Py_TYPE(data2.ptr())) raiseError("InputTypeNotConsistentError");
+            checkInputTypeConsistent(data, data2);
             return true;
         },
         py::arg("data"), py::arg("data2"));

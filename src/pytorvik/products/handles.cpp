@@ -1,0 +1,81 @@
+// The handles: one class per product, composed of a device base and the modules of what the
+// unit offers. A handle's constructor builds its tables from the product table, then runs the
+// constructors of its bases in the product's order.
+#include <functional>
+#include <string>
+
+#include "device/device_binding.hpp"
+#include "products/products.hpp"
+#include "pyclass.hpp"
+#include "services/modules.hpp"
+
+namespace torvik::py_binding {
+
+namespace {
+
+namespace pr = torvik::products;
+
+// A table as the modules use it: pin lists for digital tables, (hardware port, pin) cells else.
+py::dict tableOf(std::string_view text) {
+    py::dict out;
+    for (const auto& [port, entries] : pr::parsePortTable(text)) {
+        py::list items;
+        for (const auto& e : entries) {
+            if (e.hw_port < 0)
+                items.append(e.pin);
+            else
+                items.append(py::make_tuple(e.hw_port, e.pin));
+        }
+        out[py::int_(port)] = items;
+    }
+    return out;
+}
+
+// The handle's documentation: what the unit is, then the ports it names.
+std::string docOf(const pr::Product& p) {
+    std::string doc(p.description);
+    if (!p.doc_ports.empty()) {
+        doc += "\n\nPorts:";
+        std::string_view rest = p.doc_ports;
+        while (!rest.empty()) {
+            auto cut = rest.find(';');
+            std::string_view item = rest.substr(0, cut);
+            while (!item.empty() && item.front() == ' ') item.remove_prefix(1);
+            doc += "\n    " + std::string(item);
+            rest = cut == std::string_view::npos ? std::string_view() : rest.substr(cut + 1);
+        }
+    }
+    return doc;
+}
+
+using Init = std::function<void(py::handle self, const pr::Product& p)>;
+
+PyClass handle(py::module_& m, const char* name, std::initializer_list<const char*> bases, Init init) {
+    const pr::Product& p = *pr::findProduct(name);
+    py::list base_classes;
+    for (const char* b : bases) base_classes.append(m.attr(b));
+    PyClass cls(m, name, py::tuple(base_classes), docOf(p));
+    if (init) cls.def("__init__", [init, &p](py::handle self) { init(self, p); });
+    return cls;
+}
+
+// Runs a base's constructor on the handle, as the handle's own constructor does explicitly.
+template <typename... A>
+void initBase(const char* base, py::handle self, A&&... args) {
+    moduleObject().attr(base).attr("__init__")(self, std::forward<A>(args)...);
+}
+
+void dioInit(py::handle self, const pr::Product& p) {
+    initBase("DIOModule", self, tableOf(p.di), tableOf(p.do_), p.dio_num_pins_per_port);
+}
+
+}  // namespace
+
+void bindHandles(py::module_& m) {
+    handle(m, "TorvikLanLogic", {"ETHDevice", "SystemModule", "NetworkModule", "DIOModule"}, [](py::handle self, const pr::Product& p) {
+        initBase("ETHDevice", self);
+        dioInit(self, p);
+    });
+}
+
+}  // namespace torvik::py_binding

@@ -1,0 +1,22 @@
+// Registration of the module classes (the mixins handles are composed of), and the operations
+// one module awaits of another.
+#pragma once
+
+#include <pybind11/pybind11.h>
+
+#include "aio/coro.hpp"
+
+namespace torvik::py_binding {
+
+namespace py = pybind11;
+
+void bindSystemModule(py::module_& m);
+void bindNetworkModule(py::module_& m);
+void bindWifiModules(py::module_& m);
+void bindDIOModule(py::module_& m);
+void bindHandles(py::module_& m);
+
+// Sys_getPinModeInPort_async's body, for the pin-mode tests of other modules.
+aio::Co<> sysGetPinModeInPort(py::object self, py::object port);
+
+}  // namespace torvik::py_binding
