@@ -2,6 +2,7 @@
 #include "bindings.hpp"
 #include "blocking.hpp"
 #include "device/device_binding.hpp"
+#include "measure/signal_queue.hpp"
 #include "services/modules.hpp"
 
 #ifndef TORVIK_VERSION
@@ -44,5 +45,7 @@ PYBIND11_MODULE(pytorvik, m) {
     tb::bindNetworkModule(m);
     tb::bindWifiModules(m);
     tb::bindDIOModule(m);
+    tb::bindSignalQueue(m);
+    tb::bindAIModule(m);
     tb::bindHandles(m);
 }

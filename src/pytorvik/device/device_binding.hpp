@@ -29,6 +29,12 @@ std::shared_ptr<device::StreamQueue> streamQueueOf(py::handle queue);  // null i
 std::shared_ptr<device::Gate> gateOf(py::handle gate);
 py::object newGate(bool held);
 py::object streamItemToPython(device::StreamItem&& item);
+// The wait of a queue's get or put as queue.Queue reads block and timeout (0: do not wait).
+std::optional<double> queueTimeout(bool block, py::handle timeout);
+// Raises queue.Empty or queue.Full.
+[[noreturn]] void raiseQueue(const char* cls);
+// A script's object as a queue item: None is the wake-up token, exact bytes are stored as bytes.
+device::StreamItem toStreamItem(py::handle obj);
 py::object makePoolView(const device::DataPools& pools, const char* which);
 
 // The packet layer's request with retries, as _echoPacketWithRetry_async runs it.

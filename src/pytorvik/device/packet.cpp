@@ -4,6 +4,7 @@
 
 #include "aio/op.hpp"
 #include "device/device_binding.hpp"
+#include "measure/signal_queue.hpp"
 #include "pyclass.hpp"
 #include "transport/client.hpp"
 #include "wire/commands.hpp"
@@ -146,6 +147,13 @@ Co<> sendPacketWithoutReply(py::object self, py::object cmd, py::object data_out
 Co<> getStreamingFromPool(py::object, py::object queue_, py::object num_samples, py::object delay) {
     py::list data_list;
     co_await aio::sleep(py::cast<double>(delay));
+    if (const SignalQueue* sq = signalQueueOf(queue_)) {
+        // A reader's queue of ours: the frames asked for come out decoded in one step.
+        long long n = static_cast<long long>(sq->queue->size());
+        if (n == 0) co_return data_list;
+        if (num_samples > py::int_(-1)) n = std::min<long long>(py::cast<long long>(num_samples), n);
+        co_return takeDecoded(*sq, n > 0 ? static_cast<std::size_t>(n) : 0);
+    }
     if (auto q = streamQueueOf(queue_)) {
         // Our own queue: take what is asked for in one step.
         long long n = static_cast<long long>(q->size());

@@ -74,7 +74,9 @@ struct PyObjectItem : device::ForeignObject {
     PyObject* obj;
 };
 
-StreamItem toItem(py::handle obj) {
+}  // namespace
+
+StreamItem toStreamItem(py::handle obj) {
     StreamItem item;
     if (obj.is_none()) {
         item.kind = StreamItem::Kind::Token;
@@ -96,11 +98,13 @@ std::optional<double> queueTimeout(bool block, py::handle timeout) {
     return t;
 }
 
-[[noreturn]] void raiseQueue(const char* cls) {
+void raiseQueue(const char* cls) {
     py::object exc = py::module_::import("queue").attr(cls);
     PyErr_SetNone(exc.ptr());
     throw py::error_already_set();
 }
+
+namespace {
 
 py::object queueGet(StreamQueue& q, bool block, py::handle timeout) {
     std::optional<StreamItem> item;
@@ -120,7 +124,7 @@ py::object queueGet(StreamQueue& q, bool block, py::handle timeout) {
 }
 
 void queuePut(StreamQueue& q, py::handle obj, bool block, py::handle timeout) {
-    StreamItem item = toItem(obj);
+    StreamItem item = toStreamItem(obj);
     auto limit = queueTimeout(block, timeout);
     bool ok;
     if (limit && *limit == 0) {

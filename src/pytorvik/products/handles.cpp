@@ -3,6 +3,7 @@
 // constructors of its bases in the product's order.
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "device/device_binding.hpp"
 #include "products/products.hpp"
@@ -65,6 +66,20 @@ void initBase(const char* base, py::handle self, A&&... args) {
     moduleObject().attr(base).attr("__init__")(self, std::forward<A>(args)...);
 }
 
+void aiInit(py::handle self, const pr::Product& p) {
+    initBase("AIModule", self, tableOf(p.ai), p.ai_max_rate, p.ai_ratio, p.ai_num_channels, p.ai_variable);
+}
+
+// close of a handle with stream modules: the base's close with its defaults, then the frees in order.
+void defineClose(PyClass& cls, const char* base, std::initializer_list<const char*> frees) {
+    std::vector<const char*> order(frees);
+    cls.def("close", [base, order](py::handle self) {
+        if (py::bool_(self.attr("killed"))) return;
+        moduleObject().attr(base).attr("close")(self);
+        for (const char* f : order) self.attr(f)();
+    });
+}
+
 void dioInit(py::handle self, const pr::Product& p) {
     initBase("DIOModule", self, tableOf(p.di), tableOf(p.do_), p.dio_num_pins_per_port);
 }
@@ -76,6 +91,12 @@ void bindHandles(py::module_& m) {
         initBase("ETHDevice", self);
         dioInit(self, p);
     });
+    PyClass lan_analog = handle(m, "TorvikLanAnalog", {"ETHDevice", "SystemModule", "NetworkModule", "AIModule"},
+                                [](py::handle self, const pr::Product& p) {
+                                    initBase("ETHDevice", self);
+                                    aiInit(self, p);
+                                });
+    defineClose(lan_analog, "ETHDevice", {"_AI_free"});
 }
 
 }  // namespace torvik::py_binding

@@ -1,0 +1,123 @@
+#include "measure/signal_queue.hpp"
+
+#include <map>
+#include <vector>
+
+#include "blocking.hpp"
+#include "device/device_binding.hpp"
+#include "stream/ai_decoder.hpp"
+
+namespace torvik::py_binding {
+
+namespace {
+
+// The float object of every count's volts for one ratio, made once and kept for the process:
+// a frame then becomes a list of references, with no float to allocate.
+const std::vector<PyObject*>& voltObjects(double ratio) {
+    static auto* cache = new std::map<double, std::vector<PyObject*>>();
+    auto& objs = (*cache)[ratio];
+    if (objs.empty()) {
+        auto table = stream::voltTable(ratio);
+        objs.resize(65536);
+        for (int c = -32768; c <= 32767; ++c) {
+            auto i = static_cast<std::uint16_t>(c);
+            objs[i] = PyFloat_FromDouble((*table)[static_cast<std::int16_t>(c)]);
+            if (objs[i] == nullptr) throw py::error_already_set();
+        }
+    }
+    return objs;
+}
+
+class AIDecoder : public RecordDecoder {
+public:
+    AIDecoder(double ratio, std::size_t channels) : volts_(voltObjects(ratio)), channels_(channels) {}
+    void decodeRun(const std::uint8_t* p, std::size_t count, py::list& out) const override {
+        for (std::size_t f = 0; f < count; ++f) {
+            PyObject* frame = PyList_New(static_cast<Py_ssize_t>(channels_));
+            if (frame == nullptr) throw py::error_already_set();
+            for (std::size_t ch = 0; ch < channels_; ++ch, p += 2) {
+                PyObject* v = volts_[static_cast<std::uint16_t>((p[0] << 8) | p[1])];
+                Py_INCREF(v);
+                PyList_SET_ITEM(frame, static_cast<Py_ssize_t>(ch), v);
+            }
+            if (PyList_Append(out.ptr(), frame) != 0) {
+                Py_DECREF(frame);
+                throw py::error_already_set();
+            }
+            Py_DECREF(frame);
+        }
+    }
+
+private:
+    const std::vector<PyObject*>& volts_;
+    std::size_t channels_;
+};
+
+py::object getOne(const SignalQueue& q, bool block, py::handle timeout) {
+    std::optional<stream::RecordQueue::Item> item;
+    auto limit = queueTimeout(block, timeout);
+    if (limit && *limit == 0) {
+        item = q.queue->get(std::chrono::nanoseconds::zero());
+    } else {
+        waitReleased(
+            [&](std::optional<std::chrono::nanoseconds> l) {
+                item = q.queue->get(l);
+                return item.has_value();
+            },
+            limit);
+    }
+    if (!item) raiseQueue("Empty");
+    if (item->other) return streamItemToPython(std::move(*item->other));
+    py::list out;
+    q.decoder->decodeRun(item->record.data(), 1, out);
+    return out[0];
+}
+
+void putOne(const SignalQueue& q, py::handle obj, bool block, py::handle timeout) {
+    device::StreamItem item = toStreamItem(obj);
+    auto limit = queueTimeout(block, timeout);
+    bool ok;
+    if (limit && *limit == 0)
+        ok = q.queue->putOther(std::move(item), std::chrono::nanoseconds::zero());
+    else
+        ok = waitReleased([&](std::optional<std::chrono::nanoseconds> l) { return q.queue->putOther(item, l); }, limit);
+    if (!ok) raiseQueue("Full");
+}
+
+}  // namespace
+
+py::list takeDecoded(const SignalQueue& q, std::size_t n) {
+    py::list out;
+    q.queue->take(
+        n, [&](const std::uint8_t* records, std::size_t count) { q.decoder->decodeRun(records, count, out); },
+        [&](device::StreamItem&& other) { out.append(streamItemToPython(std::move(other))); });
+    return out;
+}
+
+const SignalQueue* signalQueueOf(py::handle obj) {
+    if (!py::isinstance<SignalQueue>(obj)) return nullptr;
+    return &py::cast<const SignalQueue&>(obj);
+}
+
+py::object makeSignalQueue(std::size_t record_size, std::size_t maxsize, std::shared_ptr<const RecordDecoder> decoder) {
+    return py::cast(SignalQueue{std::make_shared<stream::RecordQueue>(record_size, maxsize), std::move(decoder)});
+}
+
+std::shared_ptr<const RecordDecoder> aiDecoder(double ratio, std::size_t channels) {
+    return std::make_shared<AIDecoder>(ratio, channels);
+}
+
+void bindSignalQueue(py::module_& m) {
+    py::class_<SignalQueue>(m, "SignalQueue", "A bounded FIFO queue of decoded stream records, kept packed until read.")
+        .def("qsize", [](const SignalQueue& q) { return q.queue->size(); })
+        .def("empty", [](const SignalQueue& q) { return q.queue->size() == 0; })
+        .def("full", [](const SignalQueue& q) { return q.queue->full(); })
+        .def_property_readonly("maxsize", [](const SignalQueue& q) { return q.queue->maxsize(); })
+        .def("put", &putOne, py::arg("item"), py::arg("block") = true, py::arg("timeout") = py::none())
+        .def("put_nowait", [](const SignalQueue& q, py::handle o) { putOne(q, o, false, py::none()); }, py::arg("item"))
+        .def("get", &getOne, py::arg("block") = true, py::arg("timeout") = py::none())
+        .def("get_nowait", [](const SignalQueue& q) { return getOne(q, false, py::none()); })
+        .def("__repr__", [](const SignalQueue& q) { return "<SignalQueue qsize=" + std::to_string(q.queue->size()) + ">"; });
+}
+
+}  // namespace torvik::py_binding

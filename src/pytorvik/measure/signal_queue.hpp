@@ -1,0 +1,37 @@
+// The queue a stream module's reader drains: records kept packed in the engine, turned into
+// Python values (a list of volts, a character, a CAN frame) only when taken.
+#pragma once
+
+#include <pybind11/pybind11.h>
+
+#include <memory>
+
+#include "stream/record_queue.hpp"
+
+namespace torvik::py_binding {
+
+namespace py = pybind11;
+
+class RecordDecoder {
+public:
+    virtual ~RecordDecoder() = default;
+    // Appends one Python value per record of the run to `out`.
+    virtual void decodeRun(const std::uint8_t* records, std::size_t count, py::list& out) const = 0;
+};
+
+struct SignalQueue {
+    std::shared_ptr<stream::RecordQueue> queue;
+    std::shared_ptr<const RecordDecoder> decoder;
+};
+
+// Takes up to n items in one step, decoded.
+py::list takeDecoded(const SignalQueue& q, std::size_t n);
+// The signal queue behind a Python object, or null if it is none of ours.
+const SignalQueue* signalQueueOf(py::handle obj);
+py::object makeSignalQueue(std::size_t record_size, std::size_t maxsize, std::shared_ptr<const RecordDecoder> decoder);
+// Decodes analog frames of `channels` channels into lists of volts.
+std::shared_ptr<const RecordDecoder> aiDecoder(double ratio, std::size_t channels);
+
+void bindSignalQueue(py::module_& m);
+
+}  // namespace torvik::py_binding
