@@ -47,5 +47,6 @@ PYBIND11_MODULE(pytorvik, m) {
     tb::bindDIOModule(m);
     tb::bindSignalQueue(m);
     tb::bindAIModule(m);
+    tb::bindAOModule(m);
     tb::bindHandles(m);
 }

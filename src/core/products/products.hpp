@@ -29,7 +29,7 @@ struct Product {
     int ai_num_channels = 0;
     bool ai_variable = false;
     std::string_view ao = {};
-    double ao_volt_min = 0, ao_volt_max = 0;
+    int ao_volt_min = 0, ao_volt_max = 0;
     int ao_channel = 0;
 };
 

@@ -97,6 +97,12 @@ void bindHandles(py::module_& m) {
                                     aiInit(self, p);
                                 });
     defineClose(lan_analog, "ETHDevice", {"_AI_free"});
+    PyClass lan_output = handle(m, "TorvikLanOutput", {"ETHDevice", "SystemModule", "NetworkModule", "AOModule"},
+                                [](py::handle self, const pr::Product& p) {
+                                    initBase("ETHDevice", self);
+                                    initBase("AOModule", self, tableOf(p.ao), p.ao_volt_min, p.ao_volt_max, p.ao_channel);
+                                });
+    defineClose(lan_output, "ETHDevice", {});
 }
 
 }  // namespace torvik::py_binding
