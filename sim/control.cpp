@@ -12,6 +12,7 @@
 #include <sstream>
 #include <system_error>
 
+#include "control_firmware.hpp"
 #include "wire/commands.hpp"
 
 namespace sim {
@@ -377,6 +378,7 @@ std::optional<std::string> ControlServer::execute(Client* client, const std::str
         it->timer = loop_.after(timeout, [this, it] { finishWait(it, "err timeout"); });
         return std::nullopt;
     }
+    if (auto response = firmwareControl(*unit, w)) return *response;
     throw BadRequest{"unknown request '" + verb + "'"};
 }
 

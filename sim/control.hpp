@@ -11,8 +11,10 @@
 //   reply SEL CODE HEX                 answer CODE with this payload instead of the firmware's
 //   reply SEL CODE none                do not answer CODE
 //   reply SEL CODE default             the firmware answers CODE again
-//   status SEL BYTE next=N             the next N replies carry BYTE at index 1 (firmware status)
-//   status SEL BYTE code=CODE          every reply to CODE carries BYTE at index 1
+//   status SEL BYTE next=N             the next N replies carry BYTE as firmware status, where the
+//                                         firmware puts it (index 0 in system and network
+//                                         replies, else index 1)
+//   status SEL BYTE code=CODE          every reply to CODE carries BYTE so
 //   status SEL clear                   both of the above off
 //   delay SEL SECONDS next=N           hold each of the next N replies back so long
 //   delay SEL SECONDS                  hold every reply back so long (0: off)
@@ -35,6 +37,25 @@
 //   wait SEL frames N [code=CODE] [timeout=S]  the log holds N frames (of CODE)
 //                                     waits answer "ok" at once if true, else when it comes true,
 //                                     or "err timeout" (default timeout 5 s)
+//
+// The unit's firmware model (firmware_product.hpp); P.N is pin N of hardware port P:
+//   firmware SEL echo|model            answer every code with [port, 0] (tests of framing and
+//                                         faults), or with the product's model, started afresh
+//   pinmode SEL PORT                   ok MODE... of each pin of the port, as the unit reports them
+//   pinmode SEL P.N MODE               give the pin a mode (name or 0..9): DI/DO open it for
+//                                         digital I/O, Idle frees it, any other mode lets that
+//                                         function hold it
+//   wiring SEL                         ok P.N-P.N...  the loopback wires
+//   wiring SEL add P.N-P.N...          join pins (a pin has one wire: its old one goes)
+//   wiring SEL clear|default           no wires, or the product's default wiring
+//   levels SEL PORT VALUE [mask=M]     levels on the input pins of the port where no wire drives them
+//   dio SEL PORT                       ok enabled=0xHHHH direction= state= driven= levels=
+//                                         start.enabled= start.direction= start.state=
+//   clock SEL                          ok YYYY-MM-DDTHH:MM:SS run|hold
+//   clock SEL YYYY-MM-DDTHH:MM:SS [run|hold]   set the clock; hold stops it there
+//   sensors SEL [rssi=DBM] [battery=N] [thermo=N] [accel=X,Y,Z]
+//                                      set on-board sensor readings (Wi-Fi units; thermo in
+//                                         1/128 degrees C); ok rssi=.. battery=.. thermo=.. accel=..
 //
 // Counters in "next=N", drop and dup count replies on their way out; a dropped reply is not counted
 // by the others. Setting one again replaces its count.

@@ -12,12 +12,12 @@ void Faults::clearStatus() {
     status_by_code_.clear();
 }
 
-static void setStatus(Frame& reply, std::uint8_t status) {
-    if (reply.payload.size() < 2) reply.payload.resize(2, 0);
-    reply.payload[1] = status;
+static void setStatus(Frame& reply, std::uint8_t status, std::size_t index) {
+    if (reply.payload.size() <= index) reply.payload.resize(index + 1, 0);
+    reply.payload[index] = status;
 }
 
-Shaping Faults::shape(Frame& reply) {
+Shaping Faults::shape(Frame& reply, std::size_t status_index) {
     Shaping s;
     if (drop_next_ > 0) {
         --drop_next_;
@@ -26,9 +26,9 @@ Shaping Faults::shape(Frame& reply) {
     }
     if (status_next_.second > 0) {
         --status_next_.second;
-        setStatus(reply, status_next_.first);
+        setStatus(reply, status_next_.first, status_index);
     } else if (auto it = status_by_code_.find(reply.code); it != status_by_code_.end()) {
-        setStatus(reply, it->second);
+        setStatus(reply, it->second, status_index);
     }
     if (dup_next_ > 0) {
         --dup_next_;

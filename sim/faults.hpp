@@ -27,7 +27,8 @@ public:
     // Null when the firmware answers this code itself.
     const std::optional<Bytes>* scripted(std::uint16_t code) const;
 
-    // Firmware status at reply index 1: for the next `count` replies, or for every reply to a code.
+    // Firmware status, at the index where the firmware puts it in the reply: for the next `count`
+    // replies, or for every reply to a code.
     void statusNext(std::uint8_t status, unsigned count) { status_next_ = {status, count}; }
     void statusFor(std::uint16_t code, std::uint8_t status) { status_by_code_[code] = status; }
     void clearStatus();
@@ -42,8 +43,8 @@ public:
 
     void clear() { *this = Faults{}; }
 
-    // Takes one reply on its way out; may set its status byte.
-    Shaping shape(Frame& reply);
+    // Takes one reply on its way out; may set its status byte, at `status_index`.
+    Shaping shape(Frame& reply, std::size_t status_index = 1);
 
 private:
     std::map<std::uint16_t, std::optional<Bytes>> scripted_;

@@ -1,5 +1,6 @@
 #include "firmware.hpp"
 
+#include "firmware_product.hpp"
 #include "wire/commands.hpp"
 
 namespace sim {
@@ -15,8 +16,8 @@ std::vector<Frame> EchoFirmware::handle(const Request& request) {
     return {reply};
 }
 
-std::unique_ptr<Firmware> makeFirmware(const torvik::products::Product&) {
-    return std::make_unique<EchoFirmware>();
+std::unique_ptr<Firmware> makeFirmware(const UnitIdentity& identity) {
+    return std::make_unique<ProductFirmware>(identity);
 }
 
 }  // namespace sim

@@ -1,10 +1,11 @@
 // Firmware models: what a unit answers. One object per unit; handle() runs for every request the
 // unit receives and returns the frames it answers with, on the link the request came from.
-// Product models (pin modes, DIO registers, analog streams, UART/CAN loopback, ...) derive from
-// Firmware as they are written; until a product has one it answers as EchoFirmware.
+// makeFirmware gives every product its model (ProductFirmware, firmware_product.hpp); the echo
+// firmware stays for tests of framing and fault injection, which want every code answered alike.
 #pragma once
 
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "frame.hpp"
@@ -23,6 +24,8 @@ class Firmware {
 public:
     virtual ~Firmware() = default;
     virtual std::vector<Frame> handle(const Request& request) = 0;
+    // Where the status byte stands in a reply to `code`, for faults that answer with a status.
+    virtual std::size_t statusIndex(std::uint16_t /*code*/) const { return 1; }
 };
 
 // One reply per request under the request's code: [port, status 0], the port being the request's
@@ -33,6 +36,13 @@ public:
     std::vector<Frame> handle(const Request& request) override;
 };
 
-std::unique_ptr<Firmware> makeFirmware(const torvik::products::Product& product);
+// Who a unit is, as far as its firmware knows.
+struct UnitIdentity {
+    const torvik::products::Product* product = nullptr;
+    std::string serial;
+    std::uint32_t ipv4 = 0;  // host byte order; 0 for a USB unit
+};
+
+std::unique_ptr<Firmware> makeFirmware(const UnitIdentity& identity);
 
 }  // namespace sim

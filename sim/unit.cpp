@@ -1,5 +1,7 @@
 #include "unit.hpp"
 
+#include <arpa/inet.h>
+
 #include <algorithm>
 
 namespace sim {
@@ -7,7 +9,7 @@ namespace sim {
 Unit::Unit(EventLoop& loop, UnitConfig config, Clock::time_point epoch)
     : loop_(loop),
       config_(std::move(config)),
-      firmware_(makeFirmware(*config_.product)),
+      firmware_(makeFirmware(identity())),
       log_(epoch),
       cmd_(loop, Channel::Cmd, *this) {
     if (config_.product->link == torvik::products::Link::Wifi)
@@ -22,6 +24,10 @@ Unit::~Unit() {
 void Unit::listen() {
     cmd_.listen(config_.addr, config_.cmd_port);
     if (data_) data_->listen(config_.addr, config_.data_port);
+}
+
+UnitIdentity Unit::identity() const {
+    return UnitIdentity{config_.product, config_.serial, ntohl(config_.addr.s_addr)};
 }
 
 std::string Unit::describe() const {
@@ -98,7 +104,7 @@ void Unit::linkReceived(Link& link, std::span<const std::uint8_t> bytes) {
 }
 
 void Unit::queueReply(Link& link, Frame reply) {
-    const Shaping shaping = faults_.shape(reply);
+    const Shaping shaping = faults_.shape(reply, firmware_->statusIndex(reply.code));
     if (shaping.drop) {
         ++counters_.dropped;
         return;

@@ -57,6 +57,10 @@ public:
     std::string describe() const;
 
     Faults& faults() { return faults_; }
+    Firmware& firmware() { return *firmware_; }
+    // Who the unit is to its firmware; a fresh model firmware starts from this.
+    UnitIdentity identity() const;
+    void setFirmware(std::unique_ptr<Firmware> firmware) { firmware_ = std::move(firmware); }
     TrafficLog& log() { return log_; }
     const Counters& counters() const { return counters_; }
     std::size_t junk() const;

@@ -262,6 +262,68 @@ class Unit:
     def clear_log(self):
         self._do("clearlog")
 
+    # Firmware model -----------------------------------------------------------------------------
+    def use_firmware(self, kind):
+        """"model": the product's firmware, started afresh (the default); "echo": every code is
+        answered [port, 0], for tests of framing and faults."""
+        self._do("firmware", kind)
+
+    def pin_modes(self, port):
+        """Mode names of the pins of hardware port `port`, as the unit reports them."""
+        return self._do("pinmode", int(port)).split()
+
+    def set_pin_mode(self, port, pin, mode):
+        """Give a pin a mode (name or number): "DI"/"DO" open it for digital I/O, "Idle" frees it,
+        any other mode lets that function hold it."""
+        self._do("pinmode", "%d.%d" % (port, pin), mode)
+
+    def wiring(self):
+        """The loopback wires, as [((port, pin), (port, pin)), ...], lower pin first."""
+        def pin(text):
+            port, n = text.split(".")
+            return int(port), int(n)
+        return [tuple(pin(end) for end in w.split("-")) for w in self._do("wiring").split()]
+
+    def wire(self, *wires):
+        """Join pins: wire(((0, 0), (1, 0)), ((0, 1), (1, 1))). A pin has one wire; its old one goes."""
+        self._do("wiring", "add", *["%d.%d-%d.%d" % (a + b) for a, b in wires])
+
+    def clear_wiring(self):
+        self._do("wiring", "clear")
+
+    def default_wiring(self):
+        self._do("wiring", "default")
+
+    def set_levels(self, port, value, mask=0xFFFF):
+        """Levels on the input pins of digital port `port` (bit n pin n) where no wire drives them."""
+        self._do("levels", int(port), int(value), "mask=%d" % mask)
+
+    def dio_registers(self, port):
+        """The digital registers of `port` as a dict of ints: enabled, direction, state, driven,
+        levels, start.enabled, start.direction, start.state."""
+        fields = self._do("dio", int(port)).split()
+        return {k: int(v, 16) for k, v in (f.split("=", 1) for f in fields)}
+
+    def clock(self):
+        """(clock text "YYYY-MM-DDTHH:MM:SS", running)."""
+        text, mode = self._do("clock").split()
+        return text, mode == "run"
+
+    def set_clock(self, when, run=True):
+        """Set the clock to `when` (a datetime or "YYYY-MM-DDTHH:MM:SS"); run=False holds it there."""
+        if not isinstance(when, str):
+            when = when.strftime("%Y-%m-%dT%H:%M:%S")
+        self._do("clock", when, "run" if run else "hold")
+
+    def set_sensors(self, rssi=None, battery=None, thermo=None, accel=None):
+        """Set on-board sensor readings of a Wi-Fi unit (thermo in 1/128 degrees C, accel three
+        ints); returns all readings as a dict."""
+        args = ["%s=%d" % (k, v) for k, v in (("rssi", rssi), ("battery", battery), ("thermo", thermo)) if v is not None]
+        if accel is not None:
+            args.append("accel=%d,%d,%d" % tuple(accel))
+        fields = dict(f.split("=", 1) for f in self._do("sensors", *args).split())
+        return {k: tuple(map(int, v.split(","))) if k == "accel" else int(v) for k, v in fields.items()}
+
 
 class Sim:
     """A running torvik-sim. Start with start() or `with`; stop() ends it and reaps it.

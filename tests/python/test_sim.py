@@ -1,4 +1,6 @@
-"""torvik-sim seen from a host made of plain sockets: framing, replies, faults, log, connections."""
+"""torvik-sim seen from a host made of plain sockets: framing, replies, faults, log, connections.
+Units here run the echo firmware, which answers every code alike; test_sim_firmware.py tests the
+firmware models."""
 
 import os
 import random
@@ -62,14 +64,21 @@ def connect(unit, port=None):
     return s
 
 
+def echo(*units):
+    for u in units:
+        u.use_firmware("echo")
+    return units[0]
+
+
 @pytest.fixture
 def core(sim):
-    return sim("TorvikCore").unit
+    return echo(sim("TorvikCore").unit)
 
 
 @pytest.fixture
 def host(core):
     with connect(core) as s:
+        core.wait_connected()  # before a test acts on the unit's links
         yield s
 
 
@@ -296,7 +305,7 @@ def test_send_raw_goes_out_as_given(core, host):
 
 
 def test_data_connection_of_a_wifi_unit(sim):
-    air = sim("TorvikAirAnalog").unit
+    air = echo(sim("TorvikAirAnalog").unit)
     assert air.data_port is not None and air.data_port != air.cmd_port
     with connect(air) as cmd, connect(air, air.data_port) as data:
         air.wait_connected("data")
@@ -359,6 +368,7 @@ def test_replies_go_to_the_connection_that_asked(core):
 def test_units_are_independent(sim):
     s = sim("TorvikCore", "TorvikLanLogic")
     a, b = s.units
+    echo(a, b)
     assert a.addr != b.addr
     a.set_reply(GET_DRIVER_INFO, None)
     with connect(a) as ha, connect(b) as hb:
@@ -476,8 +486,8 @@ import os, socket, sys
 cls, addr, cmd, data, serial = os.environ["TORVIK_SIM_UNITS"].split(";")[0].split()
 assert os.path.exists(os.environ["TORVIK_SIM_CONTROL"])
 with socket.create_connection((addr, int(cmd.split("=")[1])), timeout=3) as s:
-    s.sendall(b"\x02\x00\x02\xe7\x04\r\n")
-    assert s.recv(8) == b"\x02\x00\x03\xe7\x04\x00\r\n"
+    s.sendall(b"\x02\x00\x02\x60\x04\r\n")  # an unassigned code: [port, 23] from any firmware
+    assert s.recv(8) == b"\x02\x00\x03\x60\x04\x17\r\n"
 sys.exit(int(sys.argv[1]))
 """
 

@@ -1,0 +1,108 @@
+#include "firmware_product.hpp"
+
+#include "wire/commands.hpp"
+
+namespace sim {
+
+namespace wire = torvik::wire;
+
+namespace {
+
+bool isAssigned(std::uint16_t code) {
+    for (const auto& row : wire::kCommandTable)
+        if (row.value == code) return true;
+    return false;
+}
+
+}  // namespace
+
+ProductFirmware::ProductFirmware(const UnitIdentity& identity, UnitClock::Now now)
+    : product_(*identity.product),
+      system_(product_, identity.serial, std::move(now)),
+      network_(identity.ipv4, identity.serial),
+      pins_(product_),
+      dio_(product_, pins_) {}
+
+std::size_t ProductFirmware::statusIndex(std::uint16_t code) const {
+    if (code == wire::GET_PIN_MODE_OF_SLOT) return 1;
+    if (SystemServices::isSystemCode(code) || NetworkSettings::isNetworkCode(code) || code == wire::REBOOT ||
+        code == wire::REBOOT_ON_BOOTLOADER || code == wire::RESET_FACTORY)
+        return 0;
+    return 1;
+}
+
+std::vector<Frame> ProductFirmware::handle(const Request& request) {
+    if (wire::isStreamingCommand(request.code) || wire::isBroadcastCommand(request.code)) return {};
+    return {Frame{request.code, answer(request.code, request.payload)}};
+}
+
+Bytes ProductFirmware::answer(std::uint16_t code, const Bytes& in) {
+    const Bytes unknown = portStatus(portOf(in), kCommandsError);
+    if (SystemServices::isSystemCode(code)) return system_.handle(code, in);
+    switch (code) {
+    case wire::GET_PIN_MODE_OF_SLOT: return in.size() == 1 ? pinModes(in[0]) : unknown;
+    case wire::REBOOT:
+    case wire::REBOOT_ON_BOOTLOADER: reboot(); return Bytes{kOk};
+    case wire::RESET_FACTORY: factoryReset(); return Bytes{kOk};
+    default: break;
+    }
+    if (NetworkSettings::isNetworkCode(code)) return hasNetwork() ? network_.handle(code, in) : unknown;
+    if (WifiRadio::isWifiCode(code)) return hasWifi() ? wifi_.handle(code, in) : unknown;
+    if (DigitalIo::isDioCode(code)) return dio_.present() ? dio_.handle(code, in) : unknown;
+    // Modules still to be modelled acknowledge as the echo firmware does.
+    if (isAssigned(code)) return portStatus(portOf(in), kOk);
+    return unknown;
+}
+
+PinMode ProductFirmware::modeOf(PinRef p) const {
+    if (auto held = pins_.holder(p)) return *held;
+    return dio_.freeMode(p);
+}
+
+Bytes ProductFirmware::pinModes(std::uint8_t port) const {
+    const int n = pins_.pinCount(port);
+    Bytes out{port, static_cast<std::uint8_t>(n)};
+    for (int pin = 0; pin < n; pin += 2) {
+        const auto low = static_cast<std::uint8_t>(modeOf({port, pin}));
+        const auto high = pin + 1 < n ? static_cast<std::uint8_t>(modeOf({port, pin + 1})) : std::uint8_t{0};
+        out.push_back(static_cast<std::uint8_t>(high << 4 | low));
+    }
+    return out;
+}
+
+bool ProductFirmware::setPinMode(PinRef p, PinMode mode) {
+    if (!pins_.exists(p)) return false;
+    switch (mode) {
+    case PinMode::DI:
+    case PinMode::DO: {
+        const bool out = mode == PinMode::DO;
+        if (!(out ? dio_.canOutput(p) : dio_.canInput(p))) return false;
+        pins_.setHolder(p, std::nullopt);
+        dio_.open(p, out);
+        return true;
+    }
+    case PinMode::Idle:
+        pins_.setHolder(p, std::nullopt);
+        dio_.release(p);
+        return true;
+    default:
+        pins_.setHolder(p, mode);
+        dio_.release(p);
+        return true;
+    }
+}
+
+void ProductFirmware::reboot() {
+    pins_.restart();
+    dio_.reboot();
+}
+
+void ProductFirmware::factoryReset() {
+    system_.factoryReset();
+    network_.factoryReset();
+    wifi_.factoryReset();
+    dio_.factoryReset();
+    reboot();
+}
+
+}  // namespace sim

@@ -1,0 +1,67 @@
+// The firmware of one product: system services, network settings (Ethernet and Wi-Fi units),
+// radio and sensors (Wi-Fi units), pin modes and digital I/O (units with digital tables).
+//
+// What it answers, by code:
+//   - system and network codes: status replies carry the status at index 0;
+//   - GET_PIN_MODE_OF_SLOT: [port, pin count, modes two a byte, low nibble first]; a port the
+//     unit does not have has 0 pins;
+//   - REBOOT, REBOOT_ON_BOOTLOADER: [0]; the unit restarts: pins go back to their start modes and
+//     the digital start-up values come into force;
+//   - RESET_FACTORY: [0]; settings, EEPROM and start-up values back to the factory's, then a
+//     restart. Serial number and clock stay;
+//   - Wi-Fi, sensor and digital codes: [port, ...], status at index 1;
+//   - codes of the modules not modelled yet (analog, buses, thermal, relay): [port, 0];
+//   - codes that start a stream, and discovery codes: no reply;
+//   - codes of a module the product lacks, and unassigned codes: [port, 23].
+#pragma once
+
+#include <chrono>
+
+#include "firmware.hpp"
+#include "firmware_dio.hpp"
+#include "firmware_network.hpp"
+#include "firmware_pins.hpp"
+#include "firmware_system.hpp"
+#include "firmware_wifi.hpp"
+
+namespace sim {
+
+class ProductFirmware : public Firmware {
+public:
+    explicit ProductFirmware(const UnitIdentity& identity,
+                             UnitClock::Now now = [] { return std::chrono::steady_clock::now(); });
+
+    std::vector<Frame> handle(const Request& request) override;
+    std::size_t statusIndex(std::uint16_t code) const override;
+
+    const torvik::products::Product& product() const { return product_; }
+    SystemServices& system() { return system_; }
+    PinBoard& pins() { return pins_; }
+    DigitalIo& dio() { return dio_; }
+    bool hasNetwork() const { return product_.link != torvik::products::Link::Usb; }
+    bool hasWifi() const { return product_.link == torvik::products::Link::Wifi; }
+    WifiRadio& wifi() { return wifi_; }
+
+    // The mode GET_PIN_MODE_OF_SLOT reports for a pin.
+    PinMode modeOf(PinRef p) const;
+    // Gives a pin a mode: DI or DO opens it for digital I/O, Idle frees it, any other mode lets a
+    // function hold it (and digital I/O lets go of it). False if the pin does not exist, or
+    // cannot be a digital pin of that direction.
+    bool setPinMode(PinRef p, PinMode mode);
+
+    void reboot();
+    void factoryReset();
+
+private:
+    Bytes answer(std::uint16_t code, const Bytes& payload);
+    Bytes pinModes(std::uint8_t port) const;
+
+    const torvik::products::Product& product_;
+    SystemServices system_;
+    NetworkSettings network_;
+    WifiRadio wifi_;
+    PinBoard pins_;
+    DigitalIo dio_;
+};
+
+}  // namespace sim
