@@ -4,7 +4,8 @@
 //   ready
 //   control <path of the control socket>
 //   unit <class> <addr> cmd=<port> data=<port or -> serial=<serial>     (one line per unit)
-// It runs until SIGINT or SIGTERM (exit 0), or, given a command, until that command ends (its exit
+// (not when it runs a command: the command learns the same from its environment). It runs until
+// SIGINT or SIGTERM (exit 0), or, given a command, until that command ends (its exit
 // status; SIGINT/SIGTERM are passed on to it, a second one kills it). The command finds the
 // control socket in TORVIK_SIM_CONTROL and the units, as in the unit lines and separated by ';',
 // in TORVIK_SIM_UNITS.
@@ -85,10 +86,13 @@ int run(const sim::Options& opts, const sigset_t& original_mask) {
         return 1;
     }
 
+    // The readiness lines are for whoever started the emulator; a child learns the same from its
+    // environment, and its own output then stands alone.
     std::string unit_list;
-    std::printf("ready\ncontrol %s\n", control_path.c_str());
+    const bool announce = opts.command.empty();
+    if (announce) std::printf("ready\ncontrol %s\n", control_path.c_str());
     for (const auto& u : units) {
-        std::printf("unit %s\n", u->describe().c_str());
+        if (announce) std::printf("unit %s\n", u->describe().c_str());
         unit_list += (unit_list.empty() ? "" : ";") + u->describe();
     }
     std::fflush(stdout);

@@ -1,0 +1,27 @@
+"""DO blinky pins: blink two pins of a digital output port in turn.
+
+Usage: python DO_blinky_pins.py [ADDRESS[:PORT] | SERIAL]    (default: the sample address 192.168.1.110)
+"""
+import asyncio
+
+import target
+
+BLINKS, PERIOD = 4, 0.2
+
+
+async def main(dev):
+    port = min(dev.DO_getPinMap())
+    pins = dev.DO_getPinMap()[port][:2]
+    await dev.DO_openPins_async(port, pins)
+    for i in range(BLINKS * 2):
+        values = [1, 0] if i % 2 == 0 else [0, 1]
+        print("pins %s <- %s: %s" % (pins, values, await dev.DO_writePins_async(port, pins, values)))
+        await asyncio.sleep(PERIOD / 2)
+    await dev.DO_closePins_async(port, pins)
+
+
+dev = target.open_handle("TorvikLanLogic", "TorvikUsbSink", "192.168.1.110")
+try:
+    asyncio.run(main(dev))
+finally:
+    dev.close()
