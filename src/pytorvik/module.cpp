@@ -48,5 +48,7 @@ PYBIND11_MODULE(pytorvik, m) {
     tb::bindSignalQueue(m);
     tb::bindAIModule(m);
     tb::bindAOModule(m);
+    tb::bindBusModules(m);
+    tb::bindUARTModule(m);
     tb::bindHandles(m);
 }

@@ -6,7 +6,6 @@
 #include "measure/signal_queue.hpp"
 #include "services/module_support.hpp"
 #include "services/modules.hpp"
-#include "stream/worker.hpp"
 
 namespace torvik::py_binding {
 
@@ -29,11 +28,7 @@ bool classIs(py::handle self, std::initializer_list<const char*> names) {
     return false;
 }
 
-void checkAIPort(py::handle self, py::handle port) {
-    int r = PySequence_Contains(self.attr("ai_dict").ptr(), port.ptr());
-    if (r < 0) throw py::error_already_set();
-    if (r == 0) raiseError("AIPortNotAvaliableError");
-}
+void checkAIPort(py::handle self, py::handle port) { checkTablePort(self, "ai_dict", port, "AIPortNotAvaliableError"); }
 
 void checkPort(py::handle self, py::handle port) {
     checkInputType(port, intType());
@@ -86,11 +81,7 @@ void checkRate(py::handle self, py::handle rate) {
     if (py::reinterpret_borrow<py::object>(rate) > self.attr("ai_max_rate")) raiseError("AIRateNotVaildError");
 }
 
-void checkMode(py::handle mode) {
-    py::list modes;
-    for (int i = 0; i < 3; ++i) modes.append(i);
-    if (PySequence_Contains(modes.ptr(), mode.ptr()) != 1) raiseError("AIModeNotAvaliableError");
-}
+void checkMode(py::handle mode) { checkInList(mode, {0, 1, 2}, "AIModeNotAvaliableError"); }
 
 Co<> aiSetSamplingRate(py::object self, py::object port, py::object sampling_rate) {
     checkInputType(port, intType());
@@ -171,52 +162,14 @@ Co<> aiReadOnDemand(py::object self, py::object port) {
 }
 
 Co<> aiCheckPinState(py::object self, py::object port, py::object allow_state) {
-    py::list pinmap_port = self.attr("_AI_getPinMapPort")(port);
-    py::object cells = self.attr("ai_dict")[port];
-    for (py::handle i : pinmap_port) {
-        py::object pin_map = co_await aio::awaitObject(self.attr("Sys_getPinModeInPort_async")(i));
-        for (py::handle cell : cells) {
-            if (!py::object(py::reinterpret_borrow<py::object>(cell)[py::int_(0)]).equal(py::reinterpret_borrow<py::object>(i))) continue;
-            if (!moduleObject().attr("checkFuncPinMap")(cell, pin_map, allow_state).cast<bool>()) {
-                py::print(cell);
-                raiseError("AIPortNotAvaliableError");
-            }
-        }
-    }
-    co_return py::none();
+    return checkPinState(self, "ai_dict", "_AI_getPinMapPort", port, allow_state, "AIPortNotAvaliableError", true);
 }
 
-// The worker's body: the engine loop without the GIL, overflow warnings with it.
 void aiStreamThread(py::handle self, py::handle queue_) {
     AICore& core = aiCore(self);
-    auto gate = gateOf(self.attr("ai_lock"));
-    auto data = streamQueueOf(queue_);
-    if (!data) throw py::type_error("the AI data queue must be a StreamQueue");
     const SignalQueue& signal = *signalQueueOf(core.signal_queue);
-    stream::WorkerHooks hooks;
-    hooks.foreign_bytes = [](const device::StreamItem& item) {
-        py::gil_scoped_acquire gil;
-        py::object obj = streamItemToPython(device::StreamItem(item));
-        PyObject* b = PyBytes_FromObject(obj.ptr());
-        if (b == nullptr) throw py::error_already_set();
-        auto owned = py::reinterpret_steal<py::bytes>(b);
-        std::string_view v = owned;
-        return device::Bytes(v.begin(), v.end());
-    };
-    hooks.dropped = [](std::size_t n) {
-        py::gil_scoped_acquire gil;
-        py::handle warning = errorClass("AIQueueOverflowWarning");
-        for (std::size_t i = 0; i < n; ++i) warning();
-    };
-    stream::WorkerResult result;
-    {
-        py::gil_scoped_release nogil;
-        result = stream::runStreamWorker(core.killed, *gate, *data, *signal.queue, std::chrono::seconds(w::QUEUE_TIMEOUT), hooks);
-    }
-    if (result.end == stream::WorkerEnd::BadLength)
-        throw py::value_error("cannot reshape array of size " + std::to_string(result.bad_length) + " into shape (" +
-                              std::to_string(signal.queue->recordSize() / 2) + ",2)");
-    if (result.end == stream::WorkerEnd::TimedOut) raiseQueue("Empty");
+    std::string shape = "(" + std::to_string(signal.queue->recordSize() / 2) + ",2)";
+    runWorkerThread(core.killed, self.attr("ai_lock"), queue_, signal, "AIQueueOverflowWarning", shape.c_str());
 }
 
 void aiInit(py::handle self, py::handle ai_dict, py::handle ai_max_rate, py::handle ai_ratio, py::handle ai_num_channels,
@@ -280,13 +233,7 @@ void bindAIModule(py::module_& m) {
         .def("_checkAIPort", [](py::handle self, py::handle p) { checkAIPort(self, p); return true; }, port)
         .def("_ckeckAISamplingRate", [](py::handle self, py::handle r) { checkRate(self, r); return true; }, py::arg("sampling_rate"))
         .def("_checkAIMode", [](py::handle, py::handle mode) { checkMode(mode); return true; }, py::arg("mode"))
-        .def("_AI_getPinMapPort",
-             [](py::handle self, py::handle ai_port) {
-                 py::set hw;
-                 for (py::handle cell : self.attr("ai_dict")[ai_port]) hw.add(py::reinterpret_borrow<py::object>(cell)[py::int_(0)]);
-                 return py::list(hw);
-             },
-             py::arg("AI_port"))
+        .def("_AI_getPinMapPort", [](py::handle self, py::handle p) { return pinMapPorts(self, "ai_dict", p); }, py::arg("AI_port"))
         .def("_AI_free", [](py::handle self) { aiFree(self); })
         .def("_AIStreamThread", &aiStreamThread, py::arg("queue_"));
 }

@@ -9,28 +9,11 @@ namespace {
 
 namespace w = torvik::wire;
 
-bool memberOf(py::handle value, std::initializer_list<int> list) {
-    py::list l;
-    for (int v : list) l.append(v);
-    int r = PySequence_Contains(l.ptr(), value.ptr());
-    if (r < 0) throw py::error_already_set();
-    return r == 1;
-}
-
-void checkList(py::handle value, std::initializer_list<int> list, const char* error) {
-    if (!memberOf(value, list)) raiseError(error);
-}
-
-void checkMode(py::handle mode) { checkList(mode, {0, 1, 2}, "AOModeNotVaildError"); }
-void checkForm(py::handle form) { checkList(form, {1, 2, 3}, "AOFormNotAvaliableError"); }
-void checkChannel(py::handle channel) { checkList(channel, {0, 1, 2, 3, 4, 5, 6, 7}, "AOChannelNotAvaliableError"); }
-void checkSpan(py::handle span) { checkList(span, {0, 1, 2, 3, 4}, "AOSpanNotVaildError"); }
-
-void checkAOPort(py::handle self, py::handle port) {
-    int r = PySequence_Contains(self.attr("ao_dict").ptr(), port.ptr());
-    if (r < 0) throw py::error_already_set();
-    if (r == 0) raiseError("AOPortNotAvaliableError");
-}
+void checkMode(py::handle mode) { checkInList(mode, {0, 1, 2}, "AOModeNotVaildError"); }
+void checkForm(py::handle form) { checkInList(form, {1, 2, 3}, "AOFormNotAvaliableError"); }
+void checkChannel(py::handle channel) { checkInList(channel, {0, 1, 2, 3, 4, 5, 6, 7}, "AOChannelNotAvaliableError"); }
+void checkSpan(py::handle span) { checkInList(span, {0, 1, 2, 3, 4}, "AOSpanNotVaildError"); }
+void checkAOPort(py::handle self, py::handle port) { checkTablePort(self, "ao_dict", port, "AOPortNotAvaliableError"); }
 
 py::object number() {
     return py::make_tuple(py::handle(reinterpret_cast<PyObject*>(&PyLong_Type)), py::handle(reinterpret_cast<PyObject*>(&PyFloat_Type)));
@@ -59,26 +42,14 @@ void checkPort(py::handle self, py::handle port) {
 
 py::list portOnly(py::handle port) { return Payload().byte(port).list(); }
 
-Co<> checkPinState(py::object self, py::object port, py::object allow_state) {
-    py::list pinmap_port = self.attr("_AO_getPinMapPort")(port);
-    py::object cells = self.attr("ao_dict")[port];
-    for (py::handle i : pinmap_port) {
-        py::object pin_map = co_await aio::awaitObject(self.attr("Sys_getPinModeInPort_async")(i));
-        for (py::handle cell : cells) {
-            py::object hw = py::reinterpret_borrow<py::object>(cell)[py::int_(0)];
-            if (!hw.equal(py::reinterpret_borrow<py::object>(i))) continue;
-            if (!moduleObject().attr("checkFuncPinMap")(cell, pin_map, allow_state).cast<bool>()) raiseError("AOPortNotAvaliableError");
-        }
-    }
-    co_return py::none();
+Co<> aoCheckPinState(py::object self, py::object port, py::object allow_state) {
+    return checkPinState(self, "ao_dict", "_AO_getPinMapPort", port, allow_state, "AOPortNotAvaliableError");
 }
 
 Co<> aoOpen(py::object self, py::object port) {
     checkPort(self, port);
     if (!classIs(self, "TorvikLanOutput")) {
-        py::list idle;
-        idle.append("Idle");
-        co_await aio::awaitObject(self.attr("_checkAOPinState_async")(port, idle));
+        co_await aio::awaitObject(self.attr("_checkAOPinState_async")(port, oneOf("Idle")));
     }
     co_return co_await statusOp(self, w::OPEN_AO, portOnly(port), 1);
 }
@@ -262,20 +233,14 @@ void bindAOModule(py::module_& m) {
     defOp(ao, "_AO_PushToBuffer_async", &pushToBuffer, port);
     defOp(ao, "_AO_getCounters_async", &getCounters, port);
     defOp(ao, "_AO_setSpan_async", &setSpan, port, py::arg("span"));
-    defOp(ao, "_checkAOPinState_async", &checkPinState, port, py::arg("allow_state"));
+    defOp(ao, "_checkAOPinState_async", &aoCheckPinState, port, py::arg("allow_state"));
     ao.def("AO_getPort", [](py::handle self) { return self.attr("ao_dict").attr("keys")(); })
         .def("_checkAOPort", [](py::handle self, py::handle p) { checkAOPort(self, p); return true; }, port)
         .def("_checkAOMode", [](py::handle, py::handle v) { checkMode(v); return true; }, py::arg("mode"))
         .def("_checkAOForm", [](py::handle, py::handle v) { checkForm(v); return true; }, py::arg("form"))
         .def("_checkAOChannel", [](py::handle, py::handle v) { checkChannel(v); return true; }, channel)
         .def("_checkAOSpan", [](py::handle, py::handle v) { checkSpan(v); return true; }, py::arg("span"))
-        .def("_AO_getPinMapPort",
-             [](py::handle self, py::handle ao_port) {
-                 py::set hw;
-                 for (py::handle cell : self.attr("ao_dict")[ao_port]) hw.add(py::reinterpret_borrow<py::object>(cell)[py::int_(0)]);
-                 return py::list(hw);
-             },
-             py::arg("AO_port"));
+        .def("_AO_getPinMapPort", [](py::handle self, py::handle p) { return pinMapPorts(self, "ao_dict", p); }, py::arg("AO_port"));
 }
 
 }  // namespace torvik::py_binding

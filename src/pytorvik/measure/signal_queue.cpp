@@ -4,8 +4,11 @@
 #include <vector>
 
 #include "blocking.hpp"
+#include "bindings.hpp"
 #include "device/device_binding.hpp"
 #include "stream/ai_decoder.hpp"
+#include "stream/worker.hpp"
+#include "wire/commands.hpp"
 
 namespace torvik::py_binding {
 
@@ -51,6 +54,13 @@ public:
 private:
     const std::vector<PyObject*>& volts_;
     std::size_t channels_;
+};
+
+class ByteDecoder : public RecordDecoder {
+public:
+    void decodeRun(const std::uint8_t* p, std::size_t count, py::list& out) const override {
+        for (std::size_t i = 0; i < count; ++i) out.append(py::int_(p[i]));
+    }
 };
 
 py::object getOne(const SignalQueue& q, bool block, py::handle timeout) {
@@ -105,6 +115,38 @@ py::object makeSignalQueue(std::size_t record_size, std::size_t maxsize, std::sh
 
 std::shared_ptr<const RecordDecoder> aiDecoder(double ratio, std::size_t channels) {
     return std::make_shared<AIDecoder>(ratio, channels);
+}
+
+std::shared_ptr<const RecordDecoder> byteDecoder() { return std::make_shared<ByteDecoder>(); }
+
+void runWorkerThread(std::atomic<bool>& killed, py::handle gate_obj, py::handle data_queue, const SignalQueue& signal,
+                     const char* warning, const char* shape) {
+    auto gate = gateOf(gate_obj);
+    auto data = streamQueueOf(data_queue);
+    if (!data) throw py::type_error("a stream data queue must be a StreamQueue");
+    stream::WorkerHooks hooks;
+    hooks.foreign_bytes = [](const device::StreamItem& item) {
+        py::gil_scoped_acquire gil;
+        py::object obj = streamItemToPython(device::StreamItem(item));
+        PyObject* b = PyBytes_FromObject(obj.ptr());
+        if (b == nullptr) throw py::error_already_set();
+        auto owned = py::reinterpret_steal<py::bytes>(b);
+        std::string_view v = owned;
+        return device::Bytes(v.begin(), v.end());
+    };
+    hooks.dropped = [warning](std::size_t n) {
+        py::gil_scoped_acquire gil;
+        py::handle cls = errorClass(warning);
+        for (std::size_t i = 0; i < n; ++i) cls();
+    };
+    stream::WorkerResult result;
+    {
+        py::gil_scoped_release nogil;
+        result = stream::runStreamWorker(killed, *gate, *data, *signal.queue, std::chrono::seconds(wire::QUEUE_TIMEOUT), hooks);
+    }
+    if (result.end == stream::WorkerEnd::BadLength)
+        throw py::value_error("cannot reshape array of size " + std::to_string(result.bad_length) + " into shape " + shape);
+    if (result.end == stream::WorkerEnd::TimedOut) raiseQueue("Empty");
 }
 
 void bindSignalQueue(py::module_& m) {

@@ -4,6 +4,7 @@
 
 #include <pybind11/pybind11.h>
 
+#include <atomic>
 #include <memory>
 
 #include "stream/record_queue.hpp"
@@ -31,6 +32,15 @@ const SignalQueue* signalQueueOf(py::handle obj);
 py::object makeSignalQueue(std::size_t record_size, std::size_t maxsize, std::shared_ptr<const RecordDecoder> decoder);
 // Decodes analog frames of `channels` channels into lists of volts.
 std::shared_ptr<const RecordDecoder> aiDecoder(double ratio, std::size_t channels);
+// Decodes one-byte records into ints 0 to 255.
+std::shared_ptr<const RecordDecoder> byteDecoder();
+
+// The body of a stream worker thread: runs the engine loop without the GIL until `killed`,
+// building one `warning` per record that did not fit. A payload that is no whole number of
+// records ends it with ValueError (its message names `shape`); a data queue that stays empty for
+// the whole wait ends it with queue.Empty.
+void runWorkerThread(std::atomic<bool>& killed, py::handle gate, py::handle data_queue, const SignalQueue& signal,
+                     const char* warning, const char* shape);
 
 void bindSignalQueue(py::module_& m);
 

@@ -77,6 +77,58 @@ inline py::list slice(const py::object& data_in, long long a, long long b = -1) 
     return py::list(s);
 }
 
+// The distinct hardware ports of the cells of table[port], as a list built through a set.
+inline py::list pinMapPorts(py::handle self, const char* table, py::handle port) {
+    py::set hw;
+    for (py::handle cell : self.attr(table)[port]) hw.add(py::reinterpret_borrow<py::object>(cell)[py::int_(0)]);
+    return py::list(hw);
+}
+
+// The pin test of a bus or analog open: every cell of table[port] must be in one of the allowed
+// modes, read hardware port by hardware port through the handle's Sys_getPinModeInPort_async.
+// `ports_of` names the module's own pin-map-port operation; `print_cell` prints the offending cell.
+inline Co<> checkPinState(py::object self, const char* table, const char* ports_of, py::object port, py::object allow_state,
+                          const char* error, bool print_cell = false) {
+    py::list pinmap_port = self.attr(ports_of)(port);
+    py::object cells = self.attr(table)[port];
+    py::object check = moduleObject().attr("checkFuncPinMap");
+    for (py::handle i : pinmap_port) {
+        py::object pin_map = co_await aio::awaitObject(self.attr("Sys_getPinModeInPort_async")(i));
+        for (py::handle cell : cells) {
+            py::object hw = py::reinterpret_borrow<py::object>(cell)[py::int_(0)];
+            if (!hw.equal(py::reinterpret_borrow<py::object>(i))) continue;
+            if (!check(cell, pin_map, allow_state).cast<bool>()) {
+                if (print_cell) py::print(cell);
+                raiseError(error);
+            }
+        }
+    }
+    co_return py::none();
+}
+
+// A value check against a fixed list of ints, by membership as `in` tests it.
+inline void checkInList(py::handle value, std::initializer_list<long long> list, const char* error) {
+    py::list l;
+    for (long long v : list) l.append(v);
+    int r = PySequence_Contains(l.ptr(), value.ptr());
+    if (r < 0) throw py::error_already_set();
+    if (r == 0) raiseError(error);
+}
+
+// A port check: `port` must be a key of the module's table.
+inline void checkTablePort(py::handle self, const char* table, py::handle port, const char* error) {
+    int r = PySequence_Contains(self.attr(table).ptr(), port.ptr());
+    if (r < 0) throw py::error_already_set();
+    if (r == 0) raiseError(error);
+}
+
+inline py::list oneOf(const char* a, const char* b = nullptr, const char* c = nullptr) {
+    py::list l;
+    for (const char* s : {a, b, c})
+        if (s) l.append(s);
+    return l;
+}
+
 // Registers an operation: calling it builds the body lazily, so its checks raise at the first
 // send, as a coroutine function's body does.
 template <typename... A>

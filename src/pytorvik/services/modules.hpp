@@ -16,6 +16,8 @@ void bindWifiModules(py::module_& m);
 void bindDIOModule(py::module_& m);
 void bindAIModule(py::module_& m);
 void bindAOModule(py::module_& m);
+void bindBusModules(py::module_& m);  // I2C and SPI
+void bindUARTModule(py::module_& m);
 void bindHandles(py::module_& m);
 
 // Sys_getPinModeInPort_async's body, for the pin-mode tests of other modules.
