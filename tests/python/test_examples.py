@@ -11,9 +11,9 @@ EXAMPLES = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", 
 
 
 def run_example(name, unit_class, *expect):
-    spec = simctl.unit_spec(unit_class, cmd_port=17007)
-    addr = spec.split("@")[1].split(":")[0]
-    r = simctl.run_with_command([spec], [sys.executable, os.path.join(EXAMPLES, name + ".py"), "%s:17007" % addr], timeout=60)
+    unit_arg = simctl.unit_spec(unit_class, cmd_port=17007)
+    addr = unit_arg.split("@")[1].split(":")[0]
+    r = simctl.run_with_command([unit_arg], [sys.executable, os.path.join(EXAMPLES, name + ".py"), "%s:17007" % addr], timeout=60)
     out = r.stdout.decode()
     assert r.returncode == 0, out + r.stderr.decode()
     for text in expect:
