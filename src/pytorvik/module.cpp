@@ -50,5 +50,6 @@ PYBIND11_MODULE(pytorvik, m) {
     tb::bindAOModule(m);
     tb::bindBusModules(m);
     tb::bindUARTModule(m);
+    tb::bindCAN(m);
     tb::bindHandles(m);
 }

@@ -1,5 +1,5 @@
-"""I2C, SPI and UART operations against the emulator: payloads, status indices, checks, and the
-UART receive path (workers, the shared gate, the reader's queues)."""
+"""I2C, SPI, UART and CAN operations against the emulator: payloads, status indices, checks, the
+receive paths (workers, gates, the reader's queues), and the CAN frame type."""
 import asyncio
 import threading
 
@@ -10,10 +10,11 @@ import pytorvik as t
 UART = {1: [(0, 3), (0, 4)], 2: [(1, 2), (1, 3)]}
 I2C = {1: [(2, 6), (2, 7)], 2: [(3, 0), (3, 1)]}
 SPI = {1: [(2, 1), (2, 2), (2, 3)], 2: [(3, 3), (3, 4), (3, 5)]}
+CAN = {1: [(1, 4), (1, 5), (2, 0), (2, 1), (2, 2), (2, 3)]}
 
 
-class BusProbe(t.ETHDevice, t.SystemModule, t.UARTModule, t.I2CModule, t.SPIModule):
-    """The bus modules of the USB logic unit over a network connection."""
+class BusProbe(t.ETHDevice, t.SystemModule, t.UARTModule, t.I2CModule, t.SPIModule, t.CANModule):
+    """The bus modules of the USB units over a network connection."""
 
 
 def make_probe(unit=None):
@@ -21,6 +22,7 @@ def make_probe(unit=None):
     t.UARTModule.__init__(dev, UART)
     t.I2CModule.__init__(dev, I2C)
     t.SPIModule.__init__(dev, SPI)
+    t.CANModule.__init__(dev, CAN)
     if unit is not None:
         dev.connect(unit.addr, port=unit.cmd_port, verbose=False)
         unit.wait_connected()
@@ -32,7 +34,8 @@ def free(dev):
         dev.disconnect(verbose=False)
     dev.close(verbose=False)
     dev._UART_free()
-    for th in (dev.uart_p1_stream_thread, dev.uart_p2_stream_thread):
+    dev._CAN_free()
+    for th in (dev.uart_p1_stream_thread, dev.uart_p2_stream_thread, dev.can_stream_thread):
         th.join(2)
         assert not th.is_alive()
 
@@ -97,6 +100,21 @@ CASES = [
     ("UART_setDataBit_async", (2,), {t.SET_UART_DATA_SIZE: [2, 0]}, [(t.SET_UART_DATA_SIZE, [2, 0])], 0),
     ("UART_setNumStopBit_async", (2, 3), {t.SET_UART_NUM_STOP_BITS: [2, 0]}, [(t.SET_UART_NUM_STOP_BITS, [2, 3])], 0),
     ("UART_reset_async", (2,), {t.RESET_UART: [2, 0]}, [(t.RESET_UART, [2])], 0),
+    ("CAN_write_async", (1, 0x123, [1, 2]), {t.WRITE_CAN: [1, 0]},
+     [(t.WRITE_CAN, [1, 0, 0x24, 0x60, 0, 0, 1, 2, 0, 0, 0, 0, 0, 0])], 0),
+    ("CAN_write_async", (1, 0x1FFFFFFF, [9] * 8, True, True), {t.WRITE_CAN: [1, 18]},
+     [(t.WRITE_CAN, [1, 0, 0xFF, 0xFB, 0xFF, 0xFF] + [9] * 8)], -7018),
+    ("CAN_setRXFilterOrMask_async", (1, 7, 0x7FF, list(range(9))), {t.SET_CAN_RX_FILTER_OR_MASK: [1, 0]},
+     [(t.SET_CAN_RX_FILTER_OR_MASK, [1, 7, 0xFF, 0xE0, 0, 0] + list(range(8)))], 0),
+    ("CAN_setSpeed_async", (1, 3), {t.SET_CAN_SPEED: [1, 0]}, [(t.SET_CAN_SPEED, [1, 3])], 0),
+    ("CAN_setRXFilteringOn_async", (1, True), {t.SET_CAN_RX_FILTERING_ON: [1, 0]}, [(t.SET_CAN_RX_FILTERING_ON, [1, 1])], 0),
+    ("_CAN_setRXRollover_async", (1, False), {t.SET_CAN_RX_ROLLOVER: [1, 0]}, [(t.SET_CAN_RX_ROLLOVER, [1, 0])], 0),
+    ("CAN_start_async", (1,), {}, [(t.START_CAN, [1])], 0),
+    ("CAN_stop_async", (1,), {t.STOP_CAN: [1, 0]}, [(t.STOP_CAN, [1])], 0),
+    ("_CAN_getInterrupts_async", (1,), {t.GET_CAN_INTERRUPTS: [1, 4, 5, 6]}, [(t.GET_CAN_INTERRUPTS, [1])], [4, 5, 6]),
+    ("_CAN_getErrors_async", (1,), {t.GET_CAN_ERRORS: [1, 7, 8]}, [(t.GET_CAN_ERRORS, [1])], [7, 8]),
+    ("_CAN_getCounters_async", (1,), {t.GET_CAN_COUNTERS: [1] + [0, 0, 0, 1] * 5 + [0, 0, 1, 0]}, [(t.GET_CAN_COUNTERS, [1])],
+     [1, 1, 1, 1, 1, 256]),
 ]
 
 
@@ -133,6 +151,12 @@ BAD = [
     ("UART_setDataBit_async", (1, 2), t.UARTDataBitNotSupportError),
     ("UART_read_async", (3, 1), t.UARTPortNotAvaliableError),
     ("UART_read_async", (1, 1.0), t.InputTypeNotCorrectError),
+    ("CAN_write_async", (1, 1, [0] * 9), t.CANDataLengthNotVaildError),
+    ("CAN_write_async", (1, 1, [256]), t.InputDataNotInRangeError),
+    ("CAN_write_async", (1, 1, [1], 1), t.InputTypeNotCorrectError),
+    ("CAN_setSpeed_async", (1, 4), t.CANSpeedNotVaildError),
+    ("CAN_open_async", (2,), t.CANPortNotAvaliableError),
+    ("_CAN_setTXPriority_async", (1, 0, 0), TypeError),
 ]
 
 
@@ -141,7 +165,9 @@ def test_bad_input_sends_nothing(on, op, args, error):
     dev, unit = on
     with pytest.raises(error) as info:
         run(getattr(dev, op)(*args))
-    assert str(info.value) == str(error())
+    if issubclass(error, t.Error):
+        expected = "The specified CAN data elements not in range" if op == "CAN_write_async" and error is t.InputDataNotInRangeError else None
+        assert str(info.value) == str(error(expected))
     assert unit.log() == []
 
 
@@ -195,3 +221,58 @@ def test_uart_free_ends_both_workers_in_either_state():
             th.join(2)
             assert not th.is_alive() and isinstance(th, threading.Thread)
         dev.close(verbose=False)
+
+
+def test_can_receive_path(on):
+    dev, unit = on
+    unit.set_reply(t.GET_PIN_MODE_OF_SLOT, bytes([1, 8, 0x11, 0x11, 0x11, 0x11]))
+    frames = [t.CANFrame(0x123, 0, 0, [1, 2]), t.CANFrame(0x1ABCDEF, 1, 1, [9] * 8)]
+
+    async def main():
+        assert await dev.CAN_open_async(1) == 0 and not dev.can_lock.locked()
+        unit.send_frame(t.START_CAN, b"\x00\x00" + bytes(frames[0].frame_in_list + frames[1].frame_in_list))
+        got = []
+        for _ in range(100):
+            got += await dev.CAN_read_async(1, -1, 0.005)
+            if len(got) == 2:
+                break
+        assert [str(f) for f in got] == ["CANFrame(id=291, id_format=0, remote=0, data=[1, 2, 0, 0, 0, 0, 0, 0])",
+                                         "CANFrame(id=28036591, id_format=1, remote=1, data=[9, 9, 9, 9, 9, 9, 9, 9])"]
+        assert isinstance(got[0], t.CANFrame)
+        with pytest.raises(RuntimeError):
+            await dev.CAN_open_async(1)
+        assert await dev.CAN_close_async(1) == 0 and dev.can_lock.locked()
+
+    run(main())
+    assert [f.code for f in unit.log()][-2:] == [t.STOP_CAN, t.CLOSE_CAN]
+
+
+@pytest.mark.parametrize("frame,wire", [
+    (t.CANFrame(0x123), [0x24, 0x60, 0, 0]),
+    (t.CANFrame(0x7FF), [0xFF, 0xE0, 0, 0]),
+    (t.CANFrame(0x1FFFFFFF, 1), [0xFF, 0xEB, 0xFF, 0xFF]),
+    (t.CANFrame(0, remote=True), [0x00, 0x10, 0x00, 0x00]),
+    (t.CANFrame(0x800), [0, 0, 0, 0]),  # not masked: the shifted value wraps in the 32-bit packing
+])
+def test_can_frame_wire_form(frame, wire):
+    assert frame.id_in_list == wire and len(frame.frame_in_list) == 12
+    back = t.CANFrame.fromU8List(frame.frame_in_list)
+    assert (back.id_format, back.remote, back.data) == (int(bool(frame.id_format)), int(bool(frame.remote)), frame.data)
+    if frame.id < 0x800 or frame.id_format:
+        assert back.id == frame.id
+
+
+def test_can_frame_value_type():
+    data = [1, 2]
+    f = t.CANFrame(5, data=data)
+    assert data == [1, 2] and f.data == [1, 2, 0, 0, 0, 0, 0, 0]
+    assert f.regularizeData(list(range(9))) == list(range(8))
+    assert str(t.CANFrame.fromU8List([0x24, 0x60, 0, 0])) == "CANFrame(id=291, id_format=0, remote=0, data=[0, 0, 0, 0, 0, 0, 0, 0])"
+
+    class Tagged(t.CANFrame):
+        pass
+
+    assert type(Tagged.fromU8List(f.frame_in_list)) is Tagged
+    assert t.CANModule._checkCANTXIndex(2) is True
+    with pytest.raises(TypeError, match=r"_checkCANTXIndex\(\) takes exactly one argument \(2 given\)"):
+        t.CANModule._checkCANTXIndex(0, 1)

@@ -1,0 +1,346 @@
+// CANFrame, the value type of the bus, and CANModule: one CAN port set-up, writes, filters, and
+// received frames as a stream through one worker for the whole module.
+#include "measure/signal_queue.hpp"
+#include "services/module_support.hpp"
+#include "services/modules.hpp"
+
+namespace torvik::py_binding {
+
+namespace {
+
+namespace w = torvik::wire;
+
+py::handle g_frame_class;  // CANFrame; the module keeps it alive
+
+py::object u32Bytes(py::handle v) { return moduleObject().attr("convertU32To4U8")(v); }
+
+py::list regularizeData(py::handle data) {
+    py::list out;
+    for (py::handle b : py::reinterpret_borrow<py::iterable>(data)) out.append(b);
+    for (int i = 0; i < 8; ++i) out.append(0);
+    return py::list(out[py::slice(0, 8, 1)]);
+}
+
+void setID(py::handle self) {
+    py::object id = self.attr("id");
+    py::object new_id;
+    if (py::object(self.attr("id_format")).equal(py::int_(0))) {
+        new_id = id << py::int_(21);
+    } else {
+        py::object high = id & py::int_(0x1FFC0000), low = id & py::int_(0x3FFFF);
+        new_id = ((high << py::int_(3)) | low) | py::int_(0x80000);
+    }
+    if (py::object(self.attr("remote")) > py::int_(0)) new_id = new_id | py::int_(0x100000);
+    py::list id_in_list = u32Bytes(new_id);
+    self.attr("id_in_list") = id_in_list;
+    self.attr("frame_in_list") = id_in_list + self.attr("data");
+}
+
+void frameInit(py::handle self, py::handle id_, py::handle id_format, py::handle remote, py::handle data) {
+    self.attr("id") = id_;
+    self.attr("id_format") = id_format;
+    self.attr("remote") = remote;
+    self.attr("data") = regularizeData(data);
+    self.attr("id_in_list") = py::none();
+    self.attr("frame_in_list") = py::none();
+    self.attr("setID")();
+}
+
+// The fields of a frame from its first bytes, as fromU8List reads them.
+py::tuple frameFields(const py::list& u8) {
+    py::list id_in_list = u8[py::slice(0, 4, 1)];
+    long long b1 = py::cast<long long>(id_in_list[1]);
+    long long id_format = (b1 >> 3) & 1, remote = (b1 >> 4) & 1;
+    py::object id;
+    if (id_format == 0) {
+        id = moduleObject().attr("convert2U8ToU16")(id_in_list[py::slice(0, 2, 1)]) >> py::int_(5);
+    } else {
+        py::object word = moduleObject().attr("convert4U8ToU32")(id_in_list);
+        id = ((word & py::int_(0xFFE00000LL)) >> py::int_(3)) | (word & py::int_(0x3FFFF));
+    }
+    return py::make_tuple(id, id_format, remote);
+}
+
+py::object fromU8List(py::handle cls, py::handle u8_list) {
+    py::list u8(py::reinterpret_borrow<py::object>(u8_list));
+    py::tuple f = frameFields(u8);
+    if (py::len(u8) > 4) return cls(f[0], f[1], f[2], u8[py::slice(4, 12, 1)]);
+    return cls(f[0], f[1], f[2]);
+}
+
+// Received records become CANFrame objects only when they are read.
+class FrameDecoder : public RecordDecoder {
+public:
+    void decodeRun(const std::uint8_t* p, std::size_t count, py::list& out) const override {
+        for (std::size_t i = 0; i < count; ++i, p += 12) {
+            py::list u8;
+            for (int k = 0; k < 12; ++k) u8.append(p[k]);
+            out.append(fromU8List(g_frame_class, u8));
+        }
+    }
+};
+
+// ---- the module ----
+
+struct CANCore {
+    std::atomic<bool> killed{false};
+};
+
+CANCore& canCore(py::handle self) { return py::cast<CANCore&>(self.attr("_can_core")); }
+
+void canPort(py::handle self, py::handle port) { checkTablePort(self, "can_dict", port, "CANPortNotAvaliableError"); }
+
+void checkPort(py::handle self, py::handle port) {
+    checkInputType(port, intType());
+    canPort(self, port);
+}
+
+py::handle boolType() { return reinterpret_cast<PyObject*>(&PyBool_Type); }
+py::handle listType() { return reinterpret_cast<PyObject*>(&PyList_Type); }
+
+Co<> statusOp(py::object self, long long cmd, py::list data_out) {
+    py::object data_in = co_await exchange(self, cmd, data_out);
+    co_return statusTail(data_in, 1);
+}
+
+py::list portOnly(py::handle port) { return Payload().byte(port).list(); }
+
+Co<> canCheckPinState(py::object self, py::object port, py::object allow_state) {
+    return checkPinState(self, "can_dict", "_CAN_getPinMapPort", port, allow_state, "CANPortNotAvaliableError");
+}
+
+Co<> canOpen(py::object self, py::object port) {
+    checkPort(self, port);
+    co_await aio::awaitObject(self.attr("_checkCANPinState_async")(port, oneOf("Idle", "DI", "DO")));
+    py::object status = co_await statusOp(self, w::OPEN_CAN, portOnly(port));
+    if (!status.equal(py::int_(0))) co_return status;
+    self.attr("can_lock").attr("release")();
+    co_return status;
+}
+
+Co<> canClose(py::object self, py::object port) {
+    checkPort(self, port);
+    py::object status = co_await aio::awaitObject(self.attr("CAN_stop_async")(port));
+    try {
+        moduleObject().attr("checkFirmwareError")(status);
+    } catch (py::error_already_set& e) {
+        co_return e.value().attr("code");  // the close is not sent, the gate stays as it is
+    }
+    status = co_await statusOp(self, w::CLOSE_CAN, portOnly(port));
+    if (!status.equal(py::int_(0))) co_return status;
+    self.attr("can_lock").attr("acquire")();
+    self.attr("can_data_queue").attr("put")(py::none());
+    co_return status;
+}
+
+void checkDataRangeAndLength(py::handle data) {
+    if (py::len(data) > 8) raiseError("CANDataLengthNotVaildError");
+    moduleObject().attr("checkEachItemInRange")(data, py::arg("msg") = "The specified CAN data elements not in range");
+}
+
+py::object makeFrame(py::handle id_, py::handle id_format, py::handle remote, py::handle data) {
+    return g_frame_class(id_, py::int_(py::reinterpret_borrow<py::object>(id_format)), py::int_(py::reinterpret_borrow<py::object>(remote)),
+                         data);
+}
+
+Co<> canWrite(py::object self, py::object port, py::object id_, py::object data, py::object remote, py::object id_format) {
+    checkInputType(port, intType());
+    checkInputType(id_, intType());
+    checkInputType(data, listType());
+    checkInputType(remote, boolType());
+    checkInputType(id_format, boolType());
+    canPort(self, port);
+    checkDataRangeAndLength(data);
+    py::object frame = makeFrame(id_, id_format, remote, data);
+    co_return co_await statusOp(self, w::WRITE_CAN, Payload().byte(port).byte(0).extend(frame.attr("frame_in_list")).list());
+}
+
+Co<> canRead(py::object self, py::object port, py::object num_frames, py::object delay) {
+    checkInputType(port, intType());
+    checkInputType(num_frames, intType());
+    canPort(self, port);
+    co_return co_await aio::awaitObject(self.attr("_getStreamingFromPool_async")(self.attr("can_frame_queue"), num_frames, delay));
+}
+
+Co<> canStart(py::object self, py::object port) {
+    checkPort(self, port);
+    co_await aio::awaitObject(self.attr("_sendPacketWithoutReply")(py::int_(static_cast<long long>(w::START_CAN)), portOnly(port)));
+    co_return py::int_(0);
+}
+
+Co<> canStop(py::object self, py::object port) {
+    checkPort(self, port);
+    co_return co_await statusOp(self, w::STOP_CAN, portOnly(port));
+}
+
+Co<> canSetSpeed(py::object self, py::object port, py::object mode) {
+    checkInputType(port, intType());
+    checkInputType(mode, intType());
+    canPort(self, port);
+    checkInList(mode, {0, 1, 2, 3}, "CANSpeedNotVaildError");
+    co_return co_await statusOp(self, w::SET_CAN_SPEED, Payload().byte(port).byte(mode).list());
+}
+
+// The operations that take a bool `status` and send it as 0 or 1.
+Co<> canFlag(py::object self, long long cmd, py::object port, py::object status) {
+    checkInputType(port, intType());
+    checkInputType(status, boolType());
+    canPort(self, port);
+    co_return co_await statusOp(self, cmd, Payload().byte(port).byte(py::int_(status)).list());
+}
+Co<> canSetRXFilteringOn(py::object self, py::object port, py::object status) {
+    return canFlag(self, w::SET_CAN_RX_FILTERING_ON, port, status);
+}
+Co<> canSetEnableInterrupt(py::object self, py::object port, py::object status) {
+    return canFlag(self, w::SET_CAN_ENABLED_ITR, port, status);
+}
+Co<> canSetRXRollover(py::object self, py::object port, py::object status) { return canFlag(self, w::SET_CAN_RX_ROLLOVER, port, status); }
+
+Co<> canSetRXFilterOrMask(py::object self, py::object port, py::object index, py::object id_, py::object data, py::object remote,
+                          py::object id_format) {
+    checkInputType(port, intType());
+    checkInputType(index, intType());
+    checkInputType(id_, intType());
+    checkInputType(data, listType());
+    checkInputType(remote, boolType());
+    checkInputType(id_format, boolType());
+    canPort(self, port);
+    py::object frame = makeFrame(id_, id_format, remote, data);
+    co_return co_await statusOp(self, w::SET_CAN_RX_FILTER_OR_MASK,
+                                Payload().byte(port).byte(index).extend(frame.attr("frame_in_list")).list());
+}
+
+Co<> canSetTXPriority(py::object self, py::object port, py::object tx_mode, py::object priority_mode) {
+    checkInputType(port, intType());
+    checkInputType(tx_mode, intType());
+    checkInputType(priority_mode, intType());
+    canPort(self, port);
+    self.attr("_checkCANTXIndex")(tx_mode);  // called through the instance: fails, see _checkCANTXIndex
+    self.attr("_checkCANTXPriority")(priority_mode);
+    co_return co_await statusOp(self, w::SET_CAN_TX_PRIORITY, Payload().byte(port).byte(tx_mode).byte(priority_mode).list());
+}
+
+Co<> canReadInfo(py::object self, long long cmd, py::object port, int count) {
+    checkPort(self, port);
+    py::object data_in = co_await exchange(self, cmd, portOnly(port));
+    py::list out;
+    for (int i = 1; i <= count; ++i) out.append(replyByte(data_in, i));
+    co_return out;
+}
+Co<> canGetInterrupts(py::object self, py::object port) { return canReadInfo(self, w::GET_CAN_INTERRUPTS, port, 3); }
+Co<> canGetErrors(py::object self, py::object port) { return canReadInfo(self, w::GET_CAN_ERRORS, port, 2); }
+
+Co<> canGetCounters(py::object self, py::object port) {
+    checkPort(self, port);
+    py::object data_in = co_await exchange(self, w::GET_CAN_COUNTERS, portOnly(port));
+    py::list d = slice(data_in, 1), out;
+    py::object to_u32 = moduleObject().attr("convert4U8ToU32");
+    for (int i = 0; i < 6; ++i) out.append(to_u32(d[py::slice(i * 4, (i + 1) * 4, 1)]));
+    co_return out;
+}
+
+// A check declared without a receiver: called on the class it takes the mode; called through an
+// instance it gets the instance as well and fails, as such a function does.
+py::cpp_function receiverless(const char* name, std::vector<long long> allowed, const char* error) {
+    return py::cpp_function(
+        [name, allowed, error](py::handle first, py::args rest) {
+            if (rest.size() > 0) {
+                PyErr_Format(PyExc_TypeError, "%.200s() takes exactly one argument (%zd given)", name,
+                             static_cast<Py_ssize_t>(rest.size() + 1));
+                throw py::error_already_set();
+            }
+            py::list l;
+            for (long long v : allowed) l.append(v);
+            if (PySequence_Contains(l.ptr(), first.ptr()) != 1) raiseError(error);
+            return true;
+        },
+        py::name(name));
+}
+
+void canStreamThread(py::handle self, py::handle queue_) {
+    const SignalQueue* signal = signalQueueOf(self.attr("_can_core_queue"));
+    runWorkerThread(canCore(self).killed, self.attr("can_lock"), queue_, *signal, "CANQueueOverflowWarning", "(12)");
+}
+
+void canInit(py::handle self, py::handle can_dict) {
+    self.attr("can_dict") = can_dict;
+    self.attr("can_data_queue") = self.attr("data_pool_strm")[py::int_(static_cast<long long>(w::START_CAN))];
+    self.attr("_can_core") = py::cast(std::make_shared<CANCore>());
+    // The frame queue exists before the worker starts, and becomes the handle's field last.
+    self.attr("_can_core_queue") = makeSignalQueue(12, w::QUEUE_SIZE_MAX, std::make_shared<FrameDecoder>());
+    self.attr("can_killed") = false;
+    self.attr("can_lock") = newGate(true);
+    py::object thread = py::module_::import("threading").attr("Thread")(py::arg("target") = self.attr("_CANStreamThread"),
+                                                                        py::arg("args") = py::make_tuple(self.attr("can_data_queue")));
+    thread.attr("start")();
+    self.attr("can_stream_thread") = thread;
+    self.attr("can_frame_queue") = self.attr("_can_core_queue");
+}
+
+void canFree(py::handle self) {
+    self.attr("can_killed") = true;
+    self.attr("can_lock").attr("acquire")(false);
+    self.attr("can_data_queue").attr("put")(py::none());
+    self.attr("can_lock").attr("release")();
+}
+
+}  // namespace
+
+void bindCAN(py::module_& m) {
+    PyClass frame(m, "CANFrame", py::tuple(), "A CAN frame: identifier, format and remote flags, eight data bytes, and its 12-byte wire form.");
+    frame
+        .def("__init__", &frameInit, py::arg("id_"), py::arg("id_format") = 0, py::arg("remote") = 0,
+             py::arg("data") = py::list(py::make_tuple(0, 0, 0, 0, 0, 0, 0, 0)))
+        .def("__str__",
+             [](py::handle self) {
+                 return py::str("CANFrame(id={}, id_format={}, remote={}, data={})")
+                     .format(self.attr("id"), self.attr("id_format"), self.attr("remote"), self.attr("data"));
+             })
+        .def("regularizeData", [](py::handle, py::handle data) { return regularizeData(data); }, py::arg("data"))
+        .def("setID", [](py::handle self) { setID(self); });
+    py::setattr(frame.object(), "fromU8List",
+                py::module_::import("builtins").attr("classmethod")(py::cpp_function(&fromU8List, py::name("fromU8List"))));
+    g_frame_class = frame.object();
+
+    py::class_<CANCore, std::shared_ptr<CANCore>>(m, "_CANCore");
+    PyClass can(m, "CANModule", py::make_tuple(m.attr("Packet")), "A CAN port: set-up, writes, acceptance filters and received frames.");
+    can.def("__init__", &canInit, py::arg("can_dict"))
+        .property(
+            "can_killed", [](py::handle self) { return canCore(self).killed.load(); },
+            [](py::handle self, py::handle v) { canCore(self).killed = py::bool_(py::reinterpret_borrow<py::object>(v)); },
+            "True ends the worker.");
+    const auto port = py::arg("port");
+    const auto falsy = py::arg("remote") = false;
+    defOp(can, "CAN_open_async", &canOpen, port);
+    defOp(can, "CAN_close_async", &canClose, port);
+    defOp(can, "CAN_write_async", &canWrite, port, py::arg("id_"), py::arg("data"), falsy, py::arg("id_format") = false);
+    defOp(can, "CAN_read_async", &canRead, port, py::arg("num_frames"), py::arg("delay") = 0.005);
+    defOp(can, "CAN_start_async", &canStart, port);
+    defOp(can, "CAN_stop_async", &canStop, port);
+    defOp(can, "CAN_setSpeed_async", &canSetSpeed, port, py::arg("mode"));
+    defOp(can, "CAN_setRXFilteringOn_async", &canSetRXFilteringOn, port, py::arg("status"));
+    defOp(can, "CAN_setRXFilterOrMask_async", &canSetRXFilterOrMask, port, py::arg("index"), py::arg("id_"), py::arg("data"), falsy,
+          py::arg("id_format") = false);
+    defOp(can, "_CAN_setEnableInterrupt_async", &canSetEnableInterrupt, port, py::arg("status"));
+    defOp(can, "_CAN_setTXPriority_async", &canSetTXPriority, port, py::arg("tx_mode"), py::arg("priority_mode"));
+    defOp(can, "_CAN_setRXRollover_async", &canSetRXRollover, port, py::arg("status"));
+    defOp(can, "_CAN_getInterrupts_async", &canGetInterrupts, port);
+    defOp(can, "_CAN_getErrors_async", &canGetErrors, port);
+    defOp(can, "_CAN_getCounters_async", &canGetCounters, port);
+    defOp(can, "_checkCANPinState_async", &canCheckPinState, port, py::arg("allow_state"));
+    can.def("CAN_getPinMap", [](py::handle self) { return self.attr("can_dict"); })
+        .def("_CAN_getPinMapPort", [](py::handle self, py::handle p) { return pinMapPorts(self, "can_dict", p); }, py::arg("CAN_port"))
+        .def("_checkCANPort", [](py::handle self, py::handle p) { canPort(self, p); return true; }, port)
+        .def("_checkCANSpeed", [](py::handle, py::handle v) { checkInList(v, {0, 1, 2, 3}, "CANSpeedNotVaildError"); return true; },
+             py::arg("speed"))
+        .def("_checkCANDataRangeAndLength", [](py::handle, py::handle d) { checkDataRangeAndLength(d); return true; }, py::arg("data"))
+        .def("_CAN_free", [](py::handle self) { canFree(self); })
+        .def("_CANStreamThread", &canStreamThread, py::arg("queue_"));
+    // Bound as methods are, so that an instance hands itself over as the first argument.
+    for (auto [name, fn] : {std::pair{"_checkCANTXIndex", receiverless("_checkCANTXIndex", {0, 1, 2}, "CANTXNotVaildError")},
+                            std::pair{"_checkCANTXPriority",
+                                      receiverless("_checkCANTXPriority", {0, 1, 2, 3}, "CANTXPriorityNotVaildError")}})
+        py::setattr(can.object(), name, py::reinterpret_steal<py::object>(PyInstanceMethod_New(fn.ptr())));
+}
+
+}  // namespace torvik::py_binding
