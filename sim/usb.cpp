@@ -452,21 +452,22 @@ gboolean onIoctl(UMockdevIoctlBase*, UMockdevIoctlClient* client, gpointer user)
     }
 }
 
-// umockdev 0.17 never emits client-vanished; a client's "connected" turning false is the close.
-void onClientNotify(GObject* obj, GParamSpec*, gpointer user) {
-    auto* client = UMOCKDEV_IOCTL_CLIENT(obj);
-    if (umockdev_ioctl_client_get_connected(client)) return;
+// A host's close: umockdev 0.17 emits neither client-vanished nor a change of "connected" (its
+// stream does not notify that it closed), but it lets go of the client object once the stream
+// ends, and nothing of ours holds a reference to it.
+void onClientGone(gpointer user, GObject* where_the_client_was) {
     auto* d = static_cast<Device*>(user);
+    const void* key = where_the_client_was;
     {
         std::lock_guard lock(d->bus->m_);
-        if (auto it = d->opens.find(client); it != d->opens.end()) {
+        if (auto it = d->opens.find(key); it != d->opens.end()) {
             for (Urb* u : it->second.pending_in) freeUrb(u);
             for (Urb* u : it->second.reapable) freeUrb(u);
             d->opens.erase(it);
         }
         updateFlow(*d);
     }
-    d->bus->post(Event{Event::Kind::Close, d, client, {}});
+    d->bus->post(Event{Event::Kind::Close, d, key, {}});
 }
 
 void onClientConnected(UMockdevIoctlBase*, UMockdevIoctlClient* client, gpointer user) {
@@ -476,7 +477,7 @@ void onClientConnected(UMockdevIoctlBase*, UMockdevIoctlClient* client, gpointer
         std::lock_guard lock(d->bus->m_);
         d->opens.try_emplace(client);
     }
-    g_signal_connect(client, "notify::connected", G_CALLBACK(onClientNotify), user);
+    g_object_weak_ref(G_OBJECT(client), onClientGone, user);
     d->bus->post(Event{Event::Kind::Open, d, client, {}});
 }
 
