@@ -167,7 +167,7 @@ int main(int argc, char** argv) {
     if (wantsUsb(opts)) {
         if (!sim::usbSupported()) {
             std::fprintf(stderr, "torvik-sim: built without USB support (umockdev was not found at build time)\n");
-            return 2;
+            return 77;
         }
         try {
             sim::runUnderUsbPreload(argv);

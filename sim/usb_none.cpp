@@ -1,4 +1,4 @@
-// Built where umockdev is missing: the emulator has no USB units.
+// Built where umockdev is missing: the emulator has no USB units (and exits with 77 when asked for them).
 #include <stdexcept>
 
 #include "usb.hpp"
