@@ -3,6 +3,7 @@
 #include <libusb.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 
 #include "wire/commands.hpp"
@@ -117,28 +118,46 @@ std::optional<std::string> readString(libusb_device_handle* h, std::uint8_t inde
     return out;
 }
 
-void LIBUSB_CALL onTransferDone(libusb_transfer* t) { *static_cast<int*>(t->user_data) = 1; }
+// The end of one transfer: `done` for the waiting thread (it also orders the transfer's results
+// before their reading), `flag` for libusb, which watches an int under its own lock.
+struct Completion {
+    std::atomic<bool> done{false};
+    int flag = 0;
+};
+
+void LIBUSB_CALL onTransferDone(libusb_transfer* t) {
+    auto* c = static_cast<Completion*>(t->user_data);
+    c->done.store(true);
+    c->flag = 1;
+}
 
 }  // namespace
 
-// One call that uses the device handle: refused once released, and counted so that release()
-// closes the handle only when none is inside.
+// One call that uses the device handle: refused once released (with UsbError, or quietly), and
+// counted so that release() closes the handle only when none is inside.
 class UsbClient::Use {
 public:
-    explicit Use(UsbClient& c) : c_(c) {
+    explicit Use(UsbClient& c, bool quiet = false) : c_(c) {
         std::lock_guard lock(c_.m_);
-        if (c_.released_ || !c_.handle_) throw UsbError(LIBUSB_ERROR_NO_DEVICE);
+        if (c_.released_ || !c_.handle_) {
+            if (!quiet) throw UsbError(LIBUSB_ERROR_NO_DEVICE);
+            return;
+        }
         ++c_.users_;
+        ok_ = true;
     }
     ~Use() {
+        if (!ok_) return;
         std::lock_guard lock(c_.m_);
         if (--c_.users_ == 0) c_.idle_.notify_all();
     }
     Use(const Use&) = delete;
     Use& operator=(const Use&) = delete;
+    explicit operator bool() const { return ok_; }
 
 private:
     UsbClient& c_;
+    bool ok_ = false;
 };
 
 UsbClient::UsbClient(const std::string& serial)
@@ -215,73 +234,76 @@ std::optional<std::string> UsbClient::takeProductName() {
     return readString(handle_, device_.i_product);
 }
 
-std::vector<std::uint8_t> UsbClient::transferIn(std::size_t length, unsigned timeout_ms) {
-    Use use(*this);
-    std::vector<std::uint8_t> buf(length);
-    int n = 0;
-    const int len = static_cast<int>(length);
-    const int rc = in_interrupt_ ? libusb_interrupt_transfer(handle_, ep_in_, buf.data(), len, &n, timeout_ms)
-                                 : libusb_bulk_transfer(handle_, ep_in_, buf.data(), len, &n, timeout_ms);
-    if (rc == LIBUSB_ERROR_TIMEOUT && n == 0) throw UsbTimeout();
-    if (rc < 0 && rc != LIBUSB_ERROR_TIMEOUT) throw UsbError(rc);
-    buf.resize(static_cast<std::size_t>(n));
-    return buf;
-}
-
-std::vector<std::uint8_t> UsbClient::recvPacket(std::size_t length, unsigned timeout_ms) {
-    // libusb reads a time limit of 0 as none; the shortest limit is 1 ms.
-    return transferIn(length, std::max(timeout_ms, 1u));
-}
-
-std::vector<wire::Packet> UsbClient::recvAndSplitPacket(std::size_t length, unsigned timeout_ms) {
-    auto chunk = recvPacket(length, timeout_ms);
-    if (chunk.empty()) return {};
-    return withStream([&](wire::FrameSplitter& s) {
-        s.append(chunk);
-        return s.split();
-    });
-}
-
-std::vector<std::uint8_t> UsbClient::awaitPacket(std::size_t length) {
+std::optional<UsbClient::Outcome> UsbClient::transfer(std::uint8_t endpoint, bool interrupt, std::uint8_t* data,
+                                                      std::size_t length, unsigned timeout_ms, bool cancellable) {
     std::unique_ptr<libusb_transfer, decltype(&libusb_free_transfer)> t(libusb_alloc_transfer(0), &libusb_free_transfer);
     if (!t) throw UsbError(LIBUSB_ERROR_NO_MEM);
-    std::vector<std::uint8_t> buf(length);
-    int done = 0;
+    Completion completion;
+    (interrupt ? libusb_fill_interrupt_transfer : libusb_fill_bulk_transfer)(
+        t.get(), handle_, endpoint, data, static_cast<int>(length), &onTransferDone, &completion, timeout_ms);
     {
         std::lock_guard lock(m_);
-        if (released_ || !handle_) return {};
-        (in_interrupt_ ? libusb_fill_interrupt_transfer : libusb_fill_bulk_transfer)(
-            t.get(), handle_, ep_in_, buf.data(), static_cast<int>(length), &onTransferDone, &done, 0);
+        if (cancellable && released_) return std::nullopt;
         if (int rc = libusb_submit_transfer(t.get()); rc < 0) throw UsbError(rc);
-        waiting_ = t.get();
-        ++users_;
+        if (cancellable) waiting_ = t.get();
     }
     // libusb's own way of waiting for one transfer: whichever thread holds the event lock reaps
     // it, the others sleep until it has. Nothing wakes while the unit is silent.
-    while (!done) {
-        const int rc = libusb_handle_events_completed(ctx_->raw(), &done);
+    while (!completion.done.load()) {
+        const int rc = libusb_handle_events_completed(ctx_->raw(), &completion.flag);
         if (rc < 0 && rc != LIBUSB_ERROR_INTERRUPTED) libusb_cancel_transfer(t.get());  // its completion ends the wait
     }
-    {
+    if (cancellable) {
         std::lock_guard lock(m_);
         waiting_ = nullptr;
-        if (--users_ == 0) idle_.notify_all();
     }
-    switch (t->status) {
-        case LIBUSB_TRANSFER_COMPLETED:
-        case LIBUSB_TRANSFER_CANCELLED:
-            buf.resize(static_cast<std::size_t>(t->actual_length));
-            return buf;
+    return Outcome{t->status, t->actual_length};
+}
+
+namespace {
+
+[[noreturn]] void throwFor(int status) {
+    switch (status) {
         case LIBUSB_TRANSFER_TIMED_OUT: throw UsbTimeout();
         case LIBUSB_TRANSFER_STALL: throw UsbError(LIBUSB_ERROR_PIPE);
         case LIBUSB_TRANSFER_NO_DEVICE: throw UsbError(LIBUSB_ERROR_NO_DEVICE);
         case LIBUSB_TRANSFER_OVERFLOW: throw UsbError(LIBUSB_ERROR_OVERFLOW);
+        case LIBUSB_TRANSFER_CANCELLED: throw UsbError(LIBUSB_ERROR_INTERRUPTED);
         default: throw UsbError(LIBUSB_ERROR_IO);
     }
 }
 
-std::vector<wire::Packet> UsbClient::awaitAndSplitPacket(std::size_t length) {
-    auto chunk = awaitPacket(length);
+}  // namespace
+
+std::vector<std::uint8_t> UsbClient::recvPacket(std::size_t length, unsigned timeout_ms) {
+    Use use(*this);
+    std::vector<std::uint8_t> buf(length);
+    // libusb reads a time limit of 0 as none; the shortest limit is 1 ms.
+    const Outcome r = *transfer(ep_in_, in_interrupt_, buf.data(), length, std::max(timeout_ms, 1u), false);
+    const bool some = r.actual > 0 && (r.status == LIBUSB_TRANSFER_COMPLETED || r.status == LIBUSB_TRANSFER_TIMED_OUT);
+    if (r.status != LIBUSB_TRANSFER_COMPLETED && !some) throwFor(r.status);
+    buf.resize(static_cast<std::size_t>(r.actual));
+    return buf;
+}
+
+std::vector<wire::Packet> UsbClient::recvAndSplitPacket(std::size_t length, unsigned timeout_ms) {
+    return splitAfter(recvPacket(length, timeout_ms));
+}
+
+std::vector<std::uint8_t> UsbClient::awaitPacket(std::size_t length) {
+    Use use(*this, true);
+    if (!use) return {};
+    std::vector<std::uint8_t> buf(length);
+    const auto r = transfer(ep_in_, in_interrupt_, buf.data(), length, 0, true);
+    if (!r) return {};
+    if (r->status != LIBUSB_TRANSFER_COMPLETED && r->status != LIBUSB_TRANSFER_CANCELLED) throwFor(r->status);
+    buf.resize(static_cast<std::size_t>(r->actual));
+    return buf;
+}
+
+std::vector<wire::Packet> UsbClient::awaitAndSplitPacket(std::size_t length) { return splitAfter(awaitPacket(length)); }
+
+std::vector<wire::Packet> UsbClient::splitAfter(std::vector<std::uint8_t> chunk) {
     if (chunk.empty()) return {};
     return withStream([&](wire::FrameSplitter& s) {
         s.append(chunk);
@@ -292,12 +314,8 @@ std::vector<wire::Packet> UsbClient::awaitAndSplitPacket(std::size_t length) {
 void UsbClient::sendPacket(std::span<const std::uint8_t> bytes) {
     auto data = padToPacket(bytes, w::USB_PKT_SIZE);
     Use use(*this);
-    int n = 0;
-    const int len = static_cast<int>(data.size());
-    const int rc = out_interrupt_ ? libusb_interrupt_transfer(handle_, ep_out_, data.data(), len, &n, kWriteTimeoutMs)
-                                  : libusb_bulk_transfer(handle_, ep_out_, data.data(), len, &n, kWriteTimeoutMs);
-    if (rc == LIBUSB_ERROR_TIMEOUT) throw UsbTimeout();
-    if (rc < 0) throw UsbError(rc);
+    const Outcome r = *transfer(ep_out_, out_interrupt_, data.data(), data.size(), kWriteTimeoutMs, false);
+    if (r.status != LIBUSB_TRANSFER_COMPLETED) throwFor(r.status);
 }
 
 void UsbClient::release() {

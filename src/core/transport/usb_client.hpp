@@ -94,9 +94,15 @@ public:
 
 private:
     class Use;
-    std::vector<std::uint8_t> transferIn(std::size_t length, unsigned timeout_ms);
-    std::vector<std::uint8_t> splitAfter(std::vector<std::uint8_t> chunk);
-    void closeHandle();
+    struct Outcome {
+        int status;  // libusb_transfer_status
+        int actual;
+    };
+    // One transfer on a data endpoint, waited for by the calling thread (time limit 0: none). A
+    // cancellable one is what release() ends; once released it is not made (nullopt).
+    std::optional<Outcome> transfer(std::uint8_t endpoint, bool interrupt, std::uint8_t* data, std::size_t length,
+                                    unsigned timeout_ms, bool cancellable);
+    std::vector<wire::Packet> splitAfter(std::vector<std::uint8_t> chunk);
 
     std::shared_ptr<UsbContext> ctx_;
     libusb_device_handle* handle_ = nullptr;  // null once closed; guarded by m_ for closing
@@ -110,7 +116,7 @@ private:
     std::condition_variable idle_;
     bool released_ = false;                 // guarded by m_
     unsigned users_ = 0;                    // calls using handle_ now; guarded by m_
-    libusb_transfer* waiting_ = nullptr;    // awaitPacket's transfer in flight; guarded by m_
+    libusb_transfer* waiting_ = nullptr;    // the cancellable transfer in flight; guarded by m_
 };
 
 // Frames of up to `packet_size` bytes padded with zeros to that size; longer ones as they are.
