@@ -126,7 +126,7 @@ UnitConfig parseUsbUnit(const std::string& arg, unsigned id) {
     }
     for (const std::string* text : {&cfg.serial, &cfg.usb_device.product})
         for (char c : *text)
-            if (c == ';' || c == '\n' || static_cast<unsigned char>(c) < 0x20 || static_cast<unsigned char>(c) > 0x7E)
+            if (c == ';' || c < 0x20 || c > 0x7E)
                 throw UsageError{"--usb " + arg + ": serial and product must be printable ASCII without ';'"};
     if (cfg.serial.size() > 126 || cfg.usb_device.product.size() > 126)
         throw UsageError{"--usb " + arg + ": a string descriptor holds at most 126 characters"};

@@ -34,6 +34,28 @@ public:
     virtual void clearTransfers() {}
 };
 
+// The queries of a Transport over its owned links, oldest first.
+template <typename Owned>
+Link* findLink(const std::vector<Owned>& links, std::uint64_t id) {
+    for (auto& l : links)
+        if (l->id() == id) return l.get();
+    return nullptr;
+}
+
+template <typename Owned>
+Link* newestWritable(const std::vector<Owned>& links) {
+    for (auto it = links.rbegin(); it != links.rend(); ++it)
+        if ((*it)->writable()) return it->get();
+    return nullptr;
+}
+
+template <typename Owned>
+std::vector<Link*> linkList(const std::vector<Owned>& links) {
+    std::vector<Link*> out;
+    for (auto& l : links) out.push_back(l.get());
+    return out;
+}
+
 // What a USB unit looks like on the bus.
 struct UsbDeviceConfig {
     std::string serial;

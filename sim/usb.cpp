@@ -299,6 +299,11 @@ void answerControl(const Device& d, const usbdevfs_urb& u, std::uint8_t* buf, in
 
 void complete(UMockdevIoctlClient* client, int result, int err) { umockdev_ioctl_client_complete(client, result, err); }
 
+gboolean fail(UMockdevIoctlClient* client, int err) {
+    complete(client, -1, err);
+    return TRUE;
+}
+
 // Every ioctl is completed before returning: the preload serialises a descriptor's ioctls, so
 // one left open would block the host's next one.
 gboolean onIoctl(UMockdevIoctlBase*, UMockdevIoctlClient* client, gpointer user) {
@@ -311,14 +316,11 @@ gboolean onIoctl(UMockdevIoctlBase*, UMockdevIoctlClient* client, gpointer user)
     HostOpen& open = d->opens[client];
 
     // After an unplug the kernel still lets the host reap; everything else fails.
-    if (d->gone && request != USBDEVFS_REAPURBNDELAY && request != USBDEVFS_REAPURB) {
-        complete(client, -1, ENODEV);
-        return TRUE;
-    }
+    if (d->gone && request != USBDEVFS_REAPURBNDELAY && request != USBDEVFS_REAPURB) return fail(client, ENODEV);
     switch (request) {
         case USBDEVFS_GET_CAPABILITIES: {
             UMockdevIoctlData* c = umockdev_ioctl_data_resolve(arg, 0, sizeof(guint32), nullptr);
-            if (!c) return complete(client, -1, EFAULT), TRUE;
+            if (!c) return fail(client, EFAULT);
             *reinterpret_cast<guint32*>(c->data) = USBDEVFS_CAP_BULK_CONTINUATION | USBDEVFS_CAP_NO_PACKET_SIZE_LIM |
                                                     USBDEVFS_CAP_REAP_AFTER_DISCONNECT | USBDEVFS_CAP_ZERO_PACKET;
             g_object_unref(c);
@@ -339,7 +341,7 @@ gboolean onIoctl(UMockdevIoctlBase*, UMockdevIoctlClient* client, gpointer user)
             return TRUE;
         case USBDEVFS_GETDRIVER: {
             UMockdevIoctlData* g = umockdev_ioctl_data_resolve(arg, 0, sizeof(usbdevfs_getdriver), nullptr);
-            if (!g) return complete(client, -1, EFAULT), TRUE;
+            if (!g) return fail(client, EFAULT);
             auto* gd = reinterpret_cast<usbdevfs_getdriver*>(g->data);
             const bool bound = gd->interface == 0 && d->driver_bound;
             if (bound) std::snprintf(gd->driver, sizeof gd->driver, "usbhid");
@@ -349,7 +351,7 @@ gboolean onIoctl(UMockdevIoctlBase*, UMockdevIoctlClient* client, gpointer user)
         }
         case USBDEVFS_IOCTL: {  // driver detach and attach
             UMockdevIoctlData* g = umockdev_ioctl_data_resolve(arg, 0, sizeof(usbdevfs_ioctl), nullptr);
-            if (!g) return complete(client, -1, EFAULT), TRUE;
+            if (!g) return fail(client, EFAULT);
             auto* io = reinterpret_cast<usbdevfs_ioctl*>(g->data);
             const int code = io->ioctl_code, ifno = io->ifno;
             g_object_unref(g);
@@ -376,8 +378,7 @@ gboolean onIoctl(UMockdevIoctlBase*, UMockdevIoctlClient* client, gpointer user)
             urb->data = umockdev_ioctl_data_resolve(arg, 0, sizeof(usbdevfs_urb), nullptr);
             if (!urb->data) {
                 delete urb;
-                complete(client, -1, EFAULT);
-                return TRUE;
+                return fail(client, EFAULT);
             }
             usbdevfs_urb* u = urb->u();
             if (u->buffer_length > 0) {
@@ -385,8 +386,7 @@ gboolean onIoctl(UMockdevIoctlBase*, UMockdevIoctlClient* client, gpointer user)
                                                        static_cast<gsize>(u->buffer_length), nullptr);
                 if (!urb->buf) {
                     freeUrb(urb);
-                    complete(client, -1, EFAULT);
-                    return TRUE;
+                    return fail(client, EFAULT);
                 }
                 g_object_unref(urb->buf);  // still held by urb->data
             }
@@ -404,8 +404,7 @@ gboolean onIoctl(UMockdevIoctlBase*, UMockdevIoctlClient* client, gpointer user)
                 open.pending_in.push_back(urb);
             } else {
                 freeUrb(urb);
-                complete(client, -1, EINVAL);
-                return TRUE;
+                return fail(client, EINVAL);
             }
             pump(*d, open);
             complete(client, 0, 0);
@@ -413,16 +412,10 @@ gboolean onIoctl(UMockdevIoctlBase*, UMockdevIoctlClient* client, gpointer user)
         }
         case USBDEVFS_REAPURB:
         case USBDEVFS_REAPURBNDELAY: {
-            if (open.reapable.empty()) {
-                complete(client, -1, d->gone ? ENODEV : EAGAIN);
-                return TRUE;
-            }
+            if (open.reapable.empty()) return fail(client, d->gone ? ENODEV : EAGAIN);
             Urb* urb = open.reapable.front();
             UMockdevIoctlData* p = umockdev_ioctl_data_resolve(arg, 0, sizeof(gpointer), nullptr);
-            if (!p) {
-                complete(client, -1, EFAULT);
-                return TRUE;
-            }
+            if (!p) return fail(client, EFAULT);
             open.reapable.pop_front();
             umockdev_ioctl_data_set_ptr(p, 0, urb->data);  // *arg = the URB, written back on complete
             g_object_unref(p);
@@ -443,12 +436,10 @@ gboolean onIoctl(UMockdevIoctlBase*, UMockdevIoctlClient* client, gpointer user)
                     return TRUE;
                 }
             }
-            complete(client, -1, EINVAL);
-            return TRUE;
+            return fail(client, EINVAL);
         }
         default:
-            complete(client, -1, ENOTTY);
-            return TRUE;
+            return fail(client, ENOTTY);
     }
 }
 
@@ -479,16 +470,6 @@ void onClientConnected(UMockdevIoctlBase*, UMockdevIoctlClient* client, gpointer
     }
     g_object_weak_ref(G_OBJECT(client), onClientGone, user);
     d->bus->post(Event{Event::Kind::Open, d, client, {}});
-}
-
-std::string hexText(std::span<const std::uint8_t> bytes) {
-    std::string s;
-    char b[3];
-    for (std::uint8_t x : bytes) {
-        std::snprintf(b, sizeof b, "%02x", x);
-        s += b;
-    }
-    return s;
 }
 
 // ---- the bus ----------------------------------------------------------------------------------
@@ -545,7 +526,7 @@ std::shared_ptr<Device> Bus::attach(const UsbDeviceConfig& config, Port* port) {
                        "\nA: busnum=" + std::to_string(d->busnum) + "\\n\nA: devnum=" + std::to_string(d->devnum) +
                        "\\n\nA: speed=12\\n\nA: bConfigurationValue=1\\n\nA: bNumConfigurations=1\\n\n"
                        "A: idVendor=0483\\n\nA: idProduct=5750\\n\nA: manufacturer=Torvik\\n\nA: dev=189:" +
-                       std::to_string(minor) + "\\n\nH: descriptors=" + hexText(all) + "\n";
+                       std::to_string(minor) + "\\n\nH: descriptors=" + toHex(all) + "\n";
 
     UMockdevIoctlBase* handler = umockdev_ioctl_base_new();
     g_signal_connect(handler, "handle-ioctl", G_CALLBACK(onIoctl), d.get());
@@ -711,23 +692,11 @@ void Port::handle(Event& e) {
     }
 }
 
-Link* Port::find(std::uint64_t id) const {
-    for (auto& l : links_)
-        if (l->id() == id) return l.get();
-    return nullptr;
-}
+Link* Port::find(std::uint64_t id) const { return findLink(links_, id); }
 
-Link* Port::newest() const {
-    for (auto it = links_.rbegin(); it != links_.rend(); ++it)
-        if ((*it)->writable()) return it->get();
-    return nullptr;
-}
+Link* Port::newest() const { return newestWritable(links_); }
 
-std::vector<Link*> Port::links() const {
-    std::vector<Link*> out;
-    for (auto& l : links_) out.push_back(l.get());
-    return out;
-}
+std::vector<Link*> Port::links() const { return linkList(links_); }
 
 bool Port::setPlugged(bool plugged) {
     if (plugged == (device_ != nullptr)) return false;
