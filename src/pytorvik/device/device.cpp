@@ -109,18 +109,27 @@ void runNetworkReceiver(py::handle self, const char* gate_attr, std::shared_ptr<
 // ---- USBDevice ----
 
 // The thread's three outcomes of a failed read: a time-out says nothing; a missing client says
-// nothing once the handle is closed; anything else is printed. An error that repeats at once (an
-// unplugged unit) is printed again after a pause, not thousands of times a second.
-std::chrono::nanoseconds reportUsbReadError(const device::DeviceCore& core, std::exception_ptr failure, unsigned failures) {
+// nothing once the handle is closed; anything else is printed, unless the client that failed was
+// let go meanwhile (a disconnect ended that read; its outcome concerns nobody). An error that
+// repeats at once (an unplugged unit) is printed again after a pause, not thousands of times a
+// second.
+std::chrono::nanoseconds reportUsbReadError(const device::DeviceCore& core, const device::ClientSlot& slot,
+                                            const transport::Client* failed, std::exception_ptr failure,
+                                            unsigned failures) {
+    bool absent = false;
     try {
         std::rethrow_exception(failure);
     } catch (const transport::UsbTimeout&) {
         return std::chrono::nanoseconds::zero();
     } catch (const device::AbsentClient&) {
         if (core.killed) return std::chrono::nanoseconds::zero();
+        absent = true;
     } catch (...) {
     }
     py::gil_scoped_acquire gil;
+    // Under the GIL, which disconnect holds while it drops the client: either this line comes
+    // before the disconnect's own, or not at all.
+    if (!absent && slot.get().get() != failed) return std::chrono::nanoseconds::zero();
     try {
         moduleObject().attr("printGenericError")(exceptionObject(failure));
     } catch (py::error_already_set& e) {
@@ -137,16 +146,20 @@ void runUsbReceiver(py::handle self) {
     bool routing_failed = false;
     {
         py::gil_scoped_release nogil;
+        const transport::Client* reading = nullptr;  // the client of the last read
         try {
             device::runReceiveLoop(
                 *core, *gate, *client_slot,
-                [](transport::Client& c) {
+                [&reading](transport::Client& c) {
+                    reading = &c;
                     auto* usb = dynamic_cast<transport::UsbClient*>(&c);
                     if (usb == nullptr) throw std::logic_error("client_cmd is not a USBClient");
                     // Waits for the unit instead of polling; disconnect and close cancel the wait.
                     return usb->awaitAndSplitPacket(w::USB_PKT_SIZE);
                 },
-                [core](std::exception_ptr e, unsigned failures) { return reportUsbReadError(*core, e, failures); });
+                [&](std::exception_ptr e, unsigned failures) {
+                    return reportUsbReadError(*core, *client_slot, reading, e, failures);
+                });
         } catch (const device::RoutingError&) {
             routing_failed = true;
         }
