@@ -13,6 +13,7 @@
 #include <system_error>
 
 #include "control_firmware.hpp"
+#include "options.hpp"
 #include "wire/commands.hpp"
 
 namespace sim {
@@ -84,9 +85,52 @@ void need(const std::vector<std::string>& w, std::size_t n, const char* usage) {
 
 }  // namespace
 
-ControlServer::ControlServer(EventLoop& loop, std::vector<std::unique_ptr<Unit>>& units)
-    : loop_(loop), units_(units) {
-    for (auto& u : units_) u->on_change = [this] { recheck(); };
+ControlServer::ControlServer(EventLoop& loop, std::vector<std::unique_ptr<Unit>>& units, DeviceBus* bus,
+                             Clock::time_point epoch)
+    : loop_(loop), units_(units), bus_(bus), epoch_(epoch) {
+    for (auto& u : units_) {
+        u->on_change = [this] { recheck(); };
+        if (u->config().usb) ++usb_units_;
+    }
+}
+
+std::string ControlServer::addUnit(const std::vector<std::string>& w) {
+    need(w, 3, "add usb CLASS:SERIAL[,product=TEXT][,transfer=bulk|interrupt]");
+    if (w[1] != "usb") throw BadRequest{"only USB units can be added at run time"};
+    if (!bus_) throw BadRequest{"no USB bus here (start torvik-sim with --usb-host)"};
+    UnitConfig cfg;
+    try {
+        cfg = parseUsbUnit(w[2], usb_units_ + 1);
+    } catch (const UsageError& e) {
+        throw BadRequest{e.message};
+    }
+    std::unique_ptr<Unit> unit;
+    try {
+        unit = std::make_unique<Unit>(loop_, cfg, epoch_, bus_);
+    } catch (const std::exception& e) {
+        throw BadRequest{e.what()};
+    }
+    ++usb_units_;
+    unit->on_change = [this] { recheck(); };
+    units_.push_back(std::move(unit));
+    return "ok " + units_.back()->describe();
+}
+
+void ControlServer::removeUnit(Unit* unit) {
+    for (auto it = waiters_.begin(); it != waiters_.end();) {
+        auto next = std::next(it);
+        if (it->unit == unit) finishWait(it, "err unit removed");
+        it = next;
+    }
+    for (auto it = units_.begin(); it != units_.end(); ++it) {
+        if (it->get() == unit) {
+            std::shared_ptr<Unit> doomed(std::move(*it));
+            units_.erase(it);
+            doomed->on_change = nullptr;
+            loop_.defer([doomed] {});  // one of its handlers may be on the stack
+            return;
+        }
+    }
 }
 
 ControlServer::~ControlServer() {
@@ -233,13 +277,16 @@ std::optional<std::string> ControlServer::execute(Client* client, const std::str
         return out;
     }
 
+    if (verb == "add") return addUnit(w);
+
     need(w, 2, "VERB SEL ...");
     Unit* unit = nullptr;
     for (auto& u : units_) {
         const auto& cfg = u->config();
-        if (w[1] == cfg.serial || w[1] == cfg.addr_text + ":" + std::to_string(u->cmdPort()) ||
-            w[1] == cfg.addr_text) {
-            if (unit && w[1] == cfg.addr_text) throw BadRequest{"several units at " + w[1] + ", give ADDR:PORT"};
+        const bool by_port = !cfg.usb && w[1] == cfg.addr_text + ":" + std::to_string(u->cmdPort());
+        if (by_port || w[1] == cfg.serial || w[1] == cfg.addr_text) {
+            if (unit && !by_port)
+                throw BadRequest{"several units match " + w[1] + ", give ADDR:PORT or usb:N"};
             unit = u.get();
         }
     }
@@ -326,6 +373,22 @@ std::optional<std::string> ControlServer::execute(Client* client, const std::str
     if (verb == "log") return "ok " + unit->log().json();
     if (verb == "clearlog") {
         unit->log().clear();
+        unit->transport(Channel::Cmd)->clearTransfers();
+        return "ok";
+    }
+    if (verb == "remove" || verb == "unplug" || verb == "replug" || verb == "transfers") {
+        if (!unit->config().usb) throw BadRequest{"'" + verb + "' is for USB units"};
+        Transport* port = unit->transport(Channel::Cmd);
+        if (verb == "remove") {
+            removeUnit(unit);
+            return "ok";
+        }
+        if (verb == "transfers") {
+            std::string out = "ok";
+            for (const auto& t : port->transfers()) out += " " + toHex(t);
+            return out;
+        }
+        if (!port->setPlugged(verb == "replug")) return "err already " + std::string(verb == "replug" ? "plugged" : "unplugged");
         return "ok";
     }
     if (verb == "stats") {
@@ -338,7 +401,7 @@ std::optional<std::string> ControlServer::execute(Client* client, const std::str
                 << ".open=" << (p ? p->open() : 0);
         }
         out << " frames=" << k.frames << " replies=" << k.replies << " dropped=" << k.dropped << " lost=" << k.lost
-            << " junk=" << unit->junk();
+            << " junk=" << unit->junk() << unit->transport(Channel::Cmd)->statsFields();
         return out.str();
     }
     if (verb == "wait") {
@@ -373,7 +436,7 @@ std::optional<std::string> ControlServer::execute(Client* client, const std::str
         }
         if (done()) return "ok";
         client->waiting = true;
-        waiters_.push_back(Waiter{client, std::move(done), 0});
+        waiters_.push_back(Waiter{client, unit, std::move(done), 0});
         auto it = std::prev(waiters_.end());
         it->timer = loop_.after(timeout, [this, it] { finishWait(it, "err timeout"); });
         return std::nullopt;

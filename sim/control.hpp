@@ -2,7 +2,8 @@
 // one response line ("ok ..." or "err <reason>"). Any number of clients; each client's lines are
 // answered in order, and a "wait" holds back that client's later lines until it is answered.
 //
-// SEL picks a unit: its serial number, its address (if no other unit shares it), or ADDR:CMDPORT.
+// SEL picks a unit: its serial number or its address (if no other unit shares it), ADDR:CMDPORT, or
+// usb:N for a USB unit.
 // CODE is a command name (GET_DRIVER_INFO), a decimal number, or 0x-hex. HEX is hex digits, "-" for
 // none. CHAN is cmd or data (default cmd). SECONDS may have a fraction.
 //
@@ -31,6 +32,17 @@
 //   clearlog SEL                       empty the traffic log
 //   stats SEL                          ok cmd.accepted=N cmd.open=N data.accepted=N data.open=N
 //                                         frames=N replies=N dropped=N lost=N junk=N
+//                                      USB units add usb.plugged=0|1, and while plugged usb.bus=N
+//                                         usb.address=N usb.driver=0|1 (a kernel driver bound)
+//
+// USB units (a link is one open of the device by the host; a unit sends whole 64-byte packets,
+// zero-padded):
+//   add usb CLASS:SERIAL[,product=TEXT][,transfer=bulk|interrupt]
+//                                      ok <unit>   plugs a new unit in (as --usb does)
+//   remove SEL                         the unit is unplugged and forgotten
+//   unplug SEL                         off the bus: the host's pending and later I/O fails
+//   replug SEL                         back on the bus, at a new address, with the same faults
+//   transfers SEL                      ok HEX HEX ...   the host's OUT transfers as they arrived
 //   wait SEL open [CHAN] [timeout=S]           a link of CHAN is open (connected or half-closed)
 //   wait SEL closed [CHAN] [timeout=S]         no link of CHAN is open
 //   wait SEL accepted N [CHAN] [timeout=S]     N links of CHAN have been accepted in all
@@ -74,7 +86,9 @@ namespace sim {
 
 class ControlServer {
 public:
-    ControlServer(EventLoop& loop, std::vector<std::unique_ptr<Unit>>& units);
+    // `bus` may be null (no USB units then); new units' logs count from `epoch`.
+    ControlServer(EventLoop& loop, std::vector<std::unique_ptr<Unit>>& units, DeviceBus* bus = nullptr,
+                  Clock::time_point epoch = Clock::now());
     ~ControlServer();
     ControlServer(const ControlServer&) = delete;
     ControlServer& operator=(const ControlServer&) = delete;
@@ -90,6 +104,7 @@ private:
     };
     struct Waiter {
         Client* client;
+        Unit* unit;
         std::function<bool()> done;
         EventLoop::TimerId timer;
     };
@@ -105,9 +120,14 @@ private:
 
     // The response line, or nothing if a wait now stands for it.
     std::optional<std::string> execute(Client* client, const std::string& line);
+    std::string addUnit(const std::vector<std::string>& words);
+    void removeUnit(Unit* unit);
 
     EventLoop& loop_;
     std::vector<std::unique_ptr<Unit>>& units_;
+    DeviceBus* bus_;
+    Clock::time_point epoch_;
+    unsigned usb_units_ = 0;  // USB units made so far, for their usb:N names
     std::string path_;
     int fd_ = -1;
     std::list<std::unique_ptr<Client>> clients_;

@@ -8,8 +8,10 @@
 // SIGINT or SIGTERM (exit 0), or, given a command, until that command ends (its exit
 // status; SIGINT/SIGTERM are passed on to it, a second one kills it). The command finds the
 // control socket in TORVIK_SIM_CONTROL and the units, as in the unit lines and separated by ';',
-// in TORVIK_SIM_UNITS.
+// in TORVIK_SIM_UNITS. With USB units or --usb-host it also runs under umockdev's preload with the
+// emulated bus (LD_PRELOAD, UMOCKDEV_DIR), and TORVIK_SIM_USB is 1.
 #include <sys/epoll.h>
+#include <sys/prctl.h>
 #include <sys/signalfd.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -29,8 +31,16 @@
 #include "event_loop.hpp"
 #include "options.hpp"
 #include "unit.hpp"
+#include "usb.hpp"
 
 namespace {
+
+bool wantsUsb(const sim::Options& opts) {
+    if (opts.usb_host) return true;
+    for (const auto& u : opts.units)
+        if (u.usb) return true;
+    return false;
+}
 
 // A private directory for the default control socket, removed at exit.
 class TempDir {
@@ -51,9 +61,11 @@ private:
 int run(const sim::Options& opts, const sigset_t& original_mask) {
     sim::EventLoop loop;
     const auto epoch = sim::Clock::now();
+    std::unique_ptr<sim::DeviceBus> bus;  // outlives the units, which unplug from it
+    if (wantsUsb(opts)) bus = sim::makeUsbBus(loop);
     std::vector<std::unique_ptr<sim::Unit>> units;
     for (const auto& cfg : opts.units) {
-        units.push_back(std::make_unique<sim::Unit>(loop, cfg, epoch));
+        units.push_back(std::make_unique<sim::Unit>(loop, cfg, epoch, bus.get()));
         try {
             units.back()->listen();
         } catch (const std::system_error& e) {
@@ -69,7 +81,7 @@ int run(const sim::Options& opts, const sigset_t& original_mask) {
         tmp = std::make_unique<TempDir>();
         control_path = tmp->path() + "/control";
     }
-    sim::ControlServer control(loop, units);
+    sim::ControlServer control(loop, units, bus.get(), epoch);
     try {
         control.listen(control_path);
     } catch (const std::system_error& e) {
@@ -100,9 +112,16 @@ int run(const sim::Options& opts, const sigset_t& original_mask) {
     pid_t child = -1;
     int stop_requests = 0;
     if (!opts.command.empty()) {
+        std::vector<std::pair<std::string, std::string>> env = {{"TORVIK_SIM_CONTROL", control_path},
+                                                                 {"TORVIK_SIM_UNITS", unit_list}};
+        if (bus) {
+            env.emplace_back("TORVIK_SIM_USB", "1");
+            // The preload sleeps after every emulated ioctl; a fine timer slack (inherited across
+            // exec) keeps that short.
+            prctl(PR_SET_TIMERSLACK, 1UL);
+        }
         try {
-            child = sim::spawnChild(opts.command, {{"TORVIK_SIM_CONTROL", control_path}, {"TORVIK_SIM_UNITS", unit_list}},
-                                    original_mask);
+            child = sim::spawnChild(opts.command, env, original_mask);
         } catch (const std::system_error& e) {
             std::fprintf(stderr, "torvik-sim: %s\n", e.what());
             close(sigfd);
@@ -147,6 +166,19 @@ int main(int argc, char** argv) {
     } catch (const sim::UsageError& e) {
         std::fprintf(stderr, "torvik-sim: %s\n%s", e.message.c_str(), sim::kUsage);
         return 2;
+    }
+
+    if (wantsUsb(opts)) {
+        if (!sim::usbSupported()) {
+            std::fprintf(stderr, "torvik-sim: built without USB support (umockdev was not found at build time)\n");
+            return 77;
+        }
+        try {
+            sim::runUnderUsbPreload(argv);
+        } catch (const std::exception& e) {
+            std::fprintf(stderr, "torvik-sim: %s\n", e.what());
+            return 1;
+        }
     }
 
     // Signals arrive through a signalfd in the event loop; writes to a vanished host must not kill us.

@@ -6,13 +6,25 @@
 #include <cstdio>
 #include <cstring>
 
+#include "wire/labels.hpp"
+
 namespace sim {
 
 const char* const kUsage =
-    "usage: torvik-sim [--unit CLASS@ADDR[:CMDPORT[:DATAPORT]][,serial=SERIAL]]... [--control PATH]\n"
-    "                  [-- COMMAND ARGS...]\n";
+    "usage: torvik-sim [--unit CLASS@ADDR[:CMDPORT[:DATAPORT]][,serial=SERIAL]]...\n"
+    "                  [--usb CLASS:SERIAL[,product=TEXT][,transfer=bulk|interrupt]]... [--usb-host]\n"
+    "                  [--control PATH] [-- COMMAND ARGS...]\n";
 
 namespace {
+
+std::string knownClasses() {
+    std::string known;
+    for (const auto& p : torvik::products::kProducts) {
+        if (!known.empty()) known += ", ";
+        known += p.class_name;
+    }
+    return known;
+}
 
 std::uint16_t parsePort(const std::string& text, const std::string& unit_arg) {
     unsigned v = 0;
@@ -48,15 +60,10 @@ UnitConfig parseUnit(const std::string& unit_arg, std::size_t index) {
     const std::string cls = head.substr(0, at);
     cfg.product = products::findProduct(cls);
     if (!cfg.product) {
-        std::string known;
-        for (const auto& p : products::kProducts) {
-            if (!known.empty()) known += ", ";
-            known += p.class_name;
-        }
-        throw UsageError{"unknown product class '" + cls + "'; known: " + known};
+        throw UsageError{"unknown product class '" + cls + "'; known: " + knownClasses()};
     }
     if (cfg.product->link == products::Link::Usb)
-        throw UsageError{"'" + cls + "' is a USB unit; only network units are emulated so far"};
+        throw UsageError{"'" + cls + "' is a USB unit: give it with --usb " + cls + ":SERIAL"};
 
     std::string rest = head.substr(at + 1);
     std::vector<std::string> parts;
@@ -85,8 +92,50 @@ UnitConfig parseUnit(const std::string& unit_arg, std::size_t index) {
 
 }  // namespace
 
+UnitConfig parseUsbUnit(const std::string& arg, unsigned id) {
+    namespace products = torvik::products;
+    std::vector<std::string> parts;
+    for (std::size_t from = 0;;) {
+        auto comma = arg.find(',', from);
+        parts.push_back(arg.substr(from, comma == std::string::npos ? std::string::npos : comma - from));
+        if (comma == std::string::npos) break;
+        from = comma + 1;
+    }
+    auto colon = parts[0].find(':');
+    if (colon == std::string::npos || colon + 1 == parts[0].size())
+        throw UsageError{"--usb " + arg + ": expected CLASS:SERIAL"};
+    UnitConfig cfg;
+    const std::string cls = parts[0].substr(0, colon);
+    cfg.product = products::findProduct(cls);
+    if (!cfg.product) throw UsageError{"unknown product class '" + cls + "'; known: " + knownClasses()};
+    if (cfg.product->link != products::Link::Usb)
+        throw UsageError{"'" + cls + "' is not a USB unit: give it with --unit " + cls + "@ADDR"};
+    cfg.usb = true;
+    cfg.serial = parts[0].substr(colon + 1);
+    cfg.usb_device.serial = cfg.serial;
+    cfg.usb_device.product = std::string(torvik::wire::findLabel(cls).value_or(cls));
+    cfg.addr_text = "usb:" + std::to_string(id);
+    for (std::size_t i = 1; i < parts.size(); ++i) {
+        const std::string& opt = parts[i];
+        if (opt.rfind("product=", 0) == 0 && opt.size() > 8)
+            cfg.usb_device.product = opt.substr(8);
+        else if (opt == "transfer=bulk" || opt == "transfer=interrupt")
+            cfg.usb_device.interrupt = opt == "transfer=interrupt";
+        else
+            throw UsageError{"bad option '" + opt + "' in --usb " + arg + " (product=TEXT, transfer=bulk|interrupt)"};
+    }
+    for (const std::string* text : {&cfg.serial, &cfg.usb_device.product})
+        for (char c : *text)
+            if (c == ';' || c < 0x20 || c > 0x7E)
+                throw UsageError{"--usb " + arg + ": serial and product must be printable ASCII without ';'"};
+    if (cfg.serial.size() > 126 || cfg.usb_device.product.size() > 126)
+        throw UsageError{"--usb " + arg + ": a string descriptor holds at most 126 characters"};
+    return cfg;
+}
+
 Options parseOptions(int argc, char** argv) {
     Options o;
+    unsigned usb_units = 0;
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
         auto value = [&](const char* name) -> std::string {
@@ -102,6 +151,12 @@ Options parseOptions(int argc, char** argv) {
             o.units.push_back(parseUnit(value("--unit"), o.units.size()));
         else if (arg.rfind("--unit=", 0) == 0)
             o.units.push_back(parseUnit(arg.substr(7), o.units.size()));
+        else if (arg == "--usb")
+            o.units.push_back(parseUsbUnit(value("--usb"), ++usb_units));
+        else if (arg.rfind("--usb=", 0) == 0)
+            o.units.push_back(parseUsbUnit(arg.substr(6), ++usb_units));
+        else if (arg == "--usb-host")
+            o.usb_host = true;
         else if (arg == "--control")
             o.control = value("--control");
         else if (arg.rfind("--control=", 0) == 0)
@@ -109,9 +164,10 @@ Options parseOptions(int argc, char** argv) {
         else
             throw UsageError{"unknown argument '" + arg + "'"};
     }
+    // Network units are told apart by serial number; USB units may share one, as on a real bus.
     for (std::size_t i = 0; i < o.units.size(); ++i)
         for (std::size_t j = 0; j < i; ++j)
-            if (o.units[i].serial == o.units[j].serial)
+            if (!o.units[i].usb && !o.units[j].usb && o.units[i].serial == o.units[j].serial)
                 throw UsageError{"two units with serial number " + o.units[i].serial};
     return o;
 }

@@ -139,22 +139,10 @@ void TcpPort::connectionClosed(TcpConnection& conn) {
     loop_.defer([doomed] {});
 }
 
-Link* TcpPort::find(std::uint64_t id) const {
-    for (auto& c : conns_)
-        if (c->id() == id) return c.get();
-    return nullptr;
-}
+Link* TcpPort::find(std::uint64_t id) const { return findLink(conns_, id); }
 
-Link* TcpPort::newest() const {
-    for (auto it = conns_.rbegin(); it != conns_.rend(); ++it)
-        if ((*it)->writable()) return it->get();
-    return nullptr;
-}
+Link* TcpPort::newest() const { return newestWritable(conns_); }
 
-std::vector<Link*> TcpPort::links() const {
-    std::vector<Link*> out;
-    for (auto& c : conns_) out.push_back(c.get());
-    return out;
-}
+std::vector<Link*> TcpPort::links() const { return linkList(conns_); }
 
 }  // namespace sim

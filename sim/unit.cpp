@@ -3,15 +3,20 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
+#include <stdexcept>
 
 namespace sim {
 
-Unit::Unit(EventLoop& loop, UnitConfig config, Clock::time_point epoch)
-    : loop_(loop),
-      config_(std::move(config)),
-      firmware_(makeFirmware(identity())),
-      log_(epoch),
-      cmd_(loop, Channel::Cmd, *this) {
+Unit::Unit(EventLoop& loop, UnitConfig config, Clock::time_point epoch, DeviceBus* bus)
+    : loop_(loop), config_(std::move(config)), firmware_(makeFirmware(identity())), log_(epoch) {
+    if (config_.usb) {
+        if (!bus) throw std::runtime_error("no USB bus for " + config_.addr_text);
+        usb_ = bus->plug(*this, config_.usb_device);
+        cmd_ = usb_.get();
+        return;
+    }
+    tcp_ = std::make_unique<TcpPort>(loop, Channel::Cmd, *this);
+    cmd_ = tcp_.get();
     if (config_.product->link == torvik::products::Link::Wifi)
         data_ = std::make_unique<TcpPort>(loop, Channel::Data, *this);
 }
@@ -19,19 +24,23 @@ Unit::Unit(EventLoop& loop, UnitConfig config, Clock::time_point epoch)
 Unit::~Unit() {
     if (outbox_timer_) loop_.cancel(outbox_timer_);
     on_change = nullptr;
+    usb_.reset();  // unplugs while the unit is still whole
 }
 
 void Unit::listen() {
-    cmd_.listen(config_.addr, config_.cmd_port);
+    if (!tcp_) return;
+    tcp_->listen(config_.addr, config_.cmd_port);
     if (data_) data_->listen(config_.addr, config_.data_port);
 }
 
 UnitIdentity Unit::identity() const {
-    return UnitIdentity{config_.product, config_.serial, ntohl(config_.addr.s_addr)};
+    // A USB unit has no address of its own.
+    return UnitIdentity{config_.product, config_.serial, config_.usb ? 0u : ntohl(config_.addr.s_addr)};
 }
 
 std::string Unit::describe() const {
     std::string s(className());
+    if (config_.usb) return s + ' ' + config_.addr_text + " cmd=- data=- serial=" + config_.serial + " product=" + config_.usb_device.product;
     s += ' ' + config_.addr_text + " cmd=" + std::to_string(cmdPort());
     s += " data=" + (data_ ? std::to_string(dataPort()) : std::string("-"));
     s += " serial=" + config_.serial;
@@ -45,7 +54,7 @@ std::size_t Unit::junk() const {
 }
 
 Transport* Unit::transport(Channel channel) {
-    if (channel == Channel::Cmd) return &cmd_;
+    if (channel == Channel::Cmd) return cmd_;
     return data_.get();
 }
 

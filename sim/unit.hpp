@@ -1,4 +1,4 @@
-// One emulated unit: its listening ports, the links of its host, the request parser of each link,
+// One emulated unit: its listening ports or its USB device, the links of its host, the request parser of each link,
 // its firmware model, the faults a test set on it, its traffic log, and the queue of replies on
 // their way out (replies leave in the order they were made; a delayed reply holds back the ones
 // behind it, as a firmware that answers one request after another would).
@@ -31,6 +31,9 @@ struct UnitConfig {
     std::uint16_t cmd_port = 7;
     std::uint16_t data_port = 1336;  // Wi-Fi units only
     std::string serial;
+    // USB units: on the emulated bus instead of at an address; addr_text is "usb:N".
+    bool usb = false;
+    UsbDeviceConfig usb_device;
 };
 
 class Unit : public LinkEvents {
@@ -42,18 +45,20 @@ public:
         std::uint64_t lost = 0;     // replies whose link closed or went silent before they were due
     };
 
-    Unit(EventLoop& loop, UnitConfig config, Clock::time_point epoch);
+    // A USB unit plugs into `bus` at once (throws std::runtime_error without one).
+    Unit(EventLoop& loop, UnitConfig config, Clock::time_point epoch, DeviceBus* bus = nullptr);
     ~Unit() override;
 
-    // Binds the ports; throws std::system_error.
+    // Binds the ports of a network unit; throws std::system_error.
     void listen();
 
     std::string_view className() const { return config_.product->class_name; }
     bool hasData() const { return data_ != nullptr; }
     const UnitConfig& config() const { return config_; }
-    std::uint16_t cmdPort() const { return cmd_.port(); }
+    std::uint16_t cmdPort() const { return tcp_ ? tcp_->port() : 0; }
     std::uint16_t dataPort() const { return data_ ? data_->port() : 0; }
-    // "<class> <addr> cmd=<port> data=<port or -> serial=<serial>"
+    // "<class> <addr> cmd=<port> data=<port or -> serial=<serial>", and for USB units
+    // "<class> usb:<n> cmd=- data=- serial=<serial> product=<product string>"
     std::string describe() const;
 
     Faults& faults() { return faults_; }
@@ -101,7 +106,9 @@ private:
     Faults faults_;
     TrafficLog log_;
     Counters counters_;
-    TcpPort cmd_;
+    std::unique_ptr<TcpPort> tcp_;   // network units
+    std::unique_ptr<Transport> usb_; // USB units
+    Transport* cmd_;                 // one of the two
     std::unique_ptr<TcpPort> data_;  // Wi-Fi units only
     std::map<Link*, RequestParser> parsers_;
     std::size_t junk_of_closed_ = 0;

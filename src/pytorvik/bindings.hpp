@@ -3,6 +3,7 @@
 
 #include <pybind11/pybind11.h>
 
+#include <exception>
 #include <string_view>
 #include <vector>
 
@@ -17,11 +18,18 @@ void bindErrors(py::module_& m);
 void bindConvert(py::module_& m);
 void bindClient(py::module_& m);
 void bindNetworkClients(py::module_& m);
+void bindUsbClient(py::module_& m);
 // Maps the engine's failure kinds to Python exceptions, once for the whole module.
 void registerTranslators();
 
+// The bytes of a bytes-like object or a list of integers 0-255 (as bytes() takes them).
+std::vector<std::uint8_t> bytesOf(py::handle obj);
 // (cmd, data) packets as a list of (int, bytes) tuples.
 py::list packetsToList(const std::vector<wire::Packet>& packets);
+
+// The Python exception that a failure of the engine (or of Python) stands for, as an instance.
+// Needs the GIL.
+py::object exceptionObject(std::exception_ptr failure);
 
 // The module's error or warning class of that name (a borrowed reference kept for the process).
 py::handle errorClass(std::string_view name);

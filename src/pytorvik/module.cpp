@@ -35,7 +35,8 @@ PYBIND11_MODULE(pytorvik, m) {
     tb::bindConvert(m);
     tb::bindClient(m);
     tb::bindNetworkClients(m);
-    for (const char* name : {"NetworkClient", "TCPClient", "UDPClient"}) tb::registerEngineClientType(m.attr(name));
+    tb::bindUsbClient(m);
+    for (const char* name : {"NetworkClient", "TCPClient", "UDPClient", "USBClient"}) tb::registerEngineClientType(m.attr(name));
     tb::aio::bindAio(m);
     tb::bindGate(m);
     tb::bindPools(m);

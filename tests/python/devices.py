@@ -25,6 +25,14 @@ class DeviceFinder(pytorvik.BroadcastDevice, pytorvik.Packet):
     pass
 
 
+class TorvikUsbSink(pytorvik.USBDevice, pytorvik.Packet):
+    pass
+
+
+class TorvikUsbLogic(pytorvik.USBDevice, pytorvik.Packet):
+    pass
+
+
 def receive_threads(dev):
     return [getattr(dev, n) for n in ("recv_cmd_thread", "recv_data_thread", "recv_udp_thread") if hasattr(dev, n)]
 
@@ -41,12 +49,12 @@ def force_end(dev, timeout=5.0):
             if getattr(dev, "connect_status_cmd", False) or getattr(dev, "connect_status_udp", False):
                 dev.disconnect(verbose=False)  # close would disconnect verbosely
             dev.close(verbose=False)
-        except pytorvik.NetworkConnectionLostError:
+        except (pytorvik.NetworkConnectionLostError, pytorvik.USBError):
             pass
     dev.killed = True
     for name in ("client_cmd", "client_data", "client_udp"):
         client = getattr(dev, name, None)
-        if client is not None and client.socket != 0:
+        if client is not None and getattr(client, "socket", 0) != 0:
             try:
                 client.disconnect()  # wakes a reader that waits on it
             except pytorvik.Error:

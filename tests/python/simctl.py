@@ -9,7 +9,12 @@
         assert [f.code for f in u.log()] == [...]
 
 Unit specs are those of the command line: ``CLASS@ADDR[:CMDPORT[:DATAPORT]][,serial=SERIAL]``; port 0
-lets the system choose, and ``Unit.cmd_port`` / ``Unit.data_port`` tell what it chose.
+lets the system choose, and ``Unit.cmd_port`` / ``Unit.data_port`` tell what it chose. USB units
+(``Sim(usb=["TorvikUsbSink:SERIAL"])``, or added to a running bus with ``Sim.add_usb``) have
+``addr`` "usb:N" and no ports; ``Sim.attach()`` drives the emulator this process runs under.
+
+Processes started here never inherit the USB emulation of this process (LD_PRELOAD, UMOCKDEV_DIR):
+an emulator started under another one's preload would see the other's testbed.
 
 The binary is ``$TORVIK_SIM_BIN`` if set, else ``torvik-sim`` beside the running interpreter (the
 installed package puts it there), else ``torvik-sim`` on PATH.
@@ -33,7 +38,8 @@ import threading
 import time
 from typing import NamedTuple, Optional
 
-__all__ = ["Sim", "Unit", "Frame", "SimError", "sim_binary", "loopback_addr", "unit_spec", "run_with_command"]
+__all__ = ["Sim", "Unit", "Frame", "SimError", "sim_binary", "loopback_addr", "unit_spec", "run_with_command",
+           "clean_env"]
 
 # Products with a second (data) connection; the emulator knows them from the product table.
 WIFI_CLASSES = {"TorvikAirAnalog"}
@@ -114,6 +120,18 @@ def unit_spec(cls, addr=None, cmd_port=None, data_port=None, serial=None):
     return unit_arg
 
 
+def clean_env():
+    """This process's environment without the USB emulation it may run under."""
+    env = dict(os.environ)
+    preload = [p for p in env.pop("LD_PRELOAD", "").replace(" ", ":").split(":")
+               if p and "libumockdev-preload" not in p]
+    if preload:
+        env["LD_PRELOAD"] = ":".join(preload)
+    for name in ("UMOCKDEV_DIR", "TORVIK_SIM_CONTROL", "TORVIK_SIM_UNITS", "TORVIK_SIM_USB"):
+        env.pop(name, None)
+    return env
+
+
 def _code(code):
     return str(int(code))
 
@@ -127,22 +145,25 @@ class Unit:
     """One emulated unit of a running Sim, and the control requests that act on it."""
 
     def __init__(self, sim, line):
-        # "<class> <addr> cmd=<port> data=<port or -> serial=<serial>"
+        # "<class> <addr> cmd=<port> data=<port or -> serial=<serial>", and for USB units
+        # "<class> usb:<n> cmd=- data=- serial=<serial> product=<product string>"
+        line, _, product = line.partition(" product=")
         cls, addr, *fields = line.split()
         kv = dict(f.split("=", 1) for f in fields)
         self.sim = sim
         self.cls = cls
         self.addr = addr
-        self.cmd_port = int(kv["cmd"])
+        self.cmd_port = None if kv["cmd"] == "-" else int(kv["cmd"])
         self.data_port = None if kv["data"] == "-" else int(kv["data"])
         self.serial = kv["serial"]
+        self.product = product or None
 
     def __repr__(self):
-        return "<Unit %s %s:%d serial=%s>" % (self.cls, self.addr, self.cmd_port, self.serial)
+        return "<Unit %s %s serial=%s>" % (self.cls, self._sel, self.serial)
 
     @property
     def _sel(self):
-        return "%s:%d" % (self.addr, self.cmd_port)
+        return self.addr if self.cmd_port is None else "%s:%d" % (self.addr, self.cmd_port)
 
     def _do(self, verb, *args, timeout=None):
         return self.sim.request(" ".join([verb, self._sel] + [str(a) for a in args]), timeout=timeout)
@@ -252,6 +273,23 @@ class Unit:
         self._wait(timeout, *args)
         return self.log(code)
 
+    # USB units ----------------------------------------------------------------------------------
+    def unplug(self):
+        """Takes the unit off the bus: the host's pending and later transfers fail."""
+        self._do("unplug")
+
+    def replug(self):
+        """Puts the unit back on the bus, at a new address."""
+        self._do("replug")
+
+    def remove(self):
+        """Unplugs the unit and forgets it."""
+        self._do("remove")
+
+    def transfers(self):
+        """The host's OUT transfers as the unit received them, oldest first (bytes each)."""
+        return [bytes.fromhex(h) for h in self._do("transfers").split()]
+
     # Traffic log --------------------------------------------------------------------------------
     def log(self, code=None):
         """Frames received, oldest first (only those of `code` if given)."""
@@ -328,13 +366,15 @@ class Unit:
 class Sim:
     """A running torvik-sim. Start with start() or `with`; stop() ends it and reaps it.
 
-    Sim(*units, control=None, binary=None): `units` are --unit specs (see unit_spec()).
+    Sim(*units, usb=(), control=None, binary=None): `units` are --unit specs (see unit_spec()), `usb`
+    --usb specs (CLASS:SERIAL[,product=TEXT][,transfer=bulk|interrupt]).
     """
 
-    def __init__(self, *units, control=None, binary=None, start_timeout=10.0):
-        if not units:
+    def __init__(self, *units, usb=(), control=None, binary=None, start_timeout=10.0):
+        if not units and not usb:
             raise ValueError("no units")
         self.specs = list(units)
+        self.usb_specs = list(usb)
         self.binary = binary or sim_binary()
         self.start_timeout = start_timeout
         self.control_path = control
@@ -345,6 +385,24 @@ class Sim:
         self._ctl = None
         self._ctl_file = None
         self._lock = threading.Lock()
+
+    @classmethod
+    def attach(cls, control_path):
+        """A Sim for an emulator that runs already (this process's own, for instance); stop()
+        leaves it running."""
+        sim = cls.__new__(cls)
+        sim.specs, sim.usb_specs, sim.binary, sim.proc, sim.units = [], [], None, None, []
+        sim.control_path, sim.returncode, sim._stderr = control_path, None, None
+        sim._ctl = sim._ctl_file = None
+        sim._lock = threading.Lock()
+        sim.units = [Unit(sim, u) for u in sim.request("units").split(";") if u]
+        return sim
+
+    def add_usb(self, usb_spec):
+        """Plugs a new USB unit into the running bus; returns its Unit."""
+        unit = Unit(self, self.request("add usb " + usb_spec))
+        self.units.append(unit)
+        return unit
 
     @property
     def unit(self):
@@ -361,10 +419,13 @@ class Sim:
         argv = [self.binary]
         for unit_arg in self.specs:
             argv += ["--unit", unit_arg]
+        for usb_spec in self.usb_specs:
+            argv += ["--usb", usb_spec]
         if self.control_path:
             argv += ["--control", self.control_path]
         self._stderr = tempfile.TemporaryFile()
-        self.proc = subprocess.Popen(argv, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=self._stderr)
+        self.proc = subprocess.Popen(argv, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=self._stderr,
+                                     env=clean_env())
         try:
             lines = self._read_ready()
         except BaseException:
@@ -375,7 +436,7 @@ class Sim:
         return self
 
     def _read_ready(self):
-        want = 2 + len(self.specs)  # ready, control, one line a unit
+        want = 2 + len(self.specs) + len(self.usb_specs)  # ready, control, one line a unit
         buf = b""
         deadline = time.monotonic() + self.start_timeout
         fd = self.proc.stdout.fileno()
@@ -439,13 +500,13 @@ class Sim:
     def stop(self, check=True):
         """Terminates the emulator and reaps it. With `check`, raises SimError if it did not exit
         cleanly (status 0 on SIGTERM)."""
-        if self.proc is None:
-            return self.returncode
         with self._lock:
             if self._ctl_file is not None:
                 self._ctl_file.close()
                 self._ctl.close()
                 self._ctl = self._ctl_file = None
+        if self.proc is None:
+            return self.returncode
         proc, self.proc = self.proc, None
         if proc.poll() is None:
             proc.send_signal(signal.SIGTERM)
@@ -464,9 +525,13 @@ class Sim:
         return self.returncode
 
 
-def run_with_command(units, command, timeout=30.0):
-    """Runs `torvik-sim --unit ... -- command`; returns the CompletedProcess (output captured)."""
+def run_with_command(units, command, timeout=30.0, usb=(), env=None):
+    """Runs `torvik-sim --unit ... --usb ... -- command`; returns the CompletedProcess (output
+    captured). `env` is added to the (USB emulation free) environment."""
     argv = [sim_binary()]
     for unit_arg in units:
         argv += ["--unit", unit_arg]
-    return subprocess.run(argv + ["--"] + list(command), capture_output=True, timeout=timeout)
+    for usb_spec in usb:
+        argv += ["--usb", usb_spec]
+    return subprocess.run(argv + ["--"] + list(command), capture_output=True, timeout=timeout,
+                          env=dict(clean_env(), **(env or {})))

@@ -437,6 +437,9 @@ def test_bad_command_lines(unit_arg, message):
     (["--unit"], "needs a value"),
     (["--units", "TorvikCore@127.0.0.2"], "unknown argument"),
     (["--unit", "TorvikCore@127.0.0.2", "--"], "no command"),
+    (["--usb", "TorvikLanLogic:X1"], "not a USB unit"),
+    (["--usb", "TorvikUsbSink"], "expected CLASS:SERIAL"),
+    (["--usb", "TorvikUsbSink:X1,speed=high"], "bad option"),
 ])
 def test_bad_arguments(args, message):
     r = subprocess.run([simctl.sim_binary()] + args, capture_output=True, timeout=10)

@@ -39,6 +39,22 @@ struct ConnectionLost : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
+// A libusb call failed; `code` is libusb's (negative) error code, what() its text.
+struct UsbError : std::runtime_error {
+    explicit UsbError(int code);
+    int code;
+};
+
+// A USB transfer ran into its time limit with nothing transferred.
+struct UsbTimeout : UsbError {
+    UsbTimeout();
+};
+
+// No attached unit has the vendor, product and serial number asked for.
+struct UsbUnitNotFound : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
 // A port number outside 0..65535.
 struct BadPort : std::out_of_range {
     using std::out_of_range::out_of_range;

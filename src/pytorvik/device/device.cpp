@@ -1,12 +1,14 @@
-// The connection bases: Device and its network family. Their life cycle (constructor, connect,
+// The connection bases: Device, USBDevice and the network family. Their life cycle (constructor, connect,
 // disconnect, close) runs on the caller's thread with Python semantics; each receive thread is a
 // real threading.Thread whose body runs in the engine without the GIL.
 #include <chrono>
 #include <thread>
 
+#include "bindings.hpp"
 #include "device/device_binding.hpp"
 #include "pyclass.hpp"
 #include "transport/network_client.hpp"
+#include "transport/usb_client.hpp"
 #include "wire/commands.hpp"
 
 namespace torvik::py_binding {
@@ -102,6 +104,113 @@ void runNetworkReceiver(py::handle self, const char* gate_attr, std::shared_ptr<
         }
     }
     if (routing_failed) throw py::index_error("index out of range");
+}
+
+// ---- USBDevice ----
+
+// The thread's three outcomes of a failed read: a time-out says nothing; a missing client says
+// nothing once the handle is closed; anything else is printed, unless the client that failed was
+// let go meanwhile (a disconnect ended that read; its outcome concerns nobody). An error that
+// repeats at once (an unplugged unit) is printed again after a pause, not thousands of times a
+// second.
+std::chrono::nanoseconds reportUsbReadError(const device::DeviceCore& core, const device::ClientSlot& slot,
+                                            const transport::Client* failed, std::exception_ptr failure,
+                                            unsigned failures) {
+    bool absent = false;
+    try {
+        std::rethrow_exception(failure);
+    } catch (const transport::UsbTimeout&) {
+        return std::chrono::nanoseconds::zero();
+    } catch (const device::AbsentClient&) {
+        if (core.killed) return std::chrono::nanoseconds::zero();
+        absent = true;
+    } catch (...) {
+    }
+    py::gil_scoped_acquire gil;
+    // Under the GIL, which disconnect holds while it drops the client: either this line comes
+    // before the disconnect's own, or not at all.
+    if (!absent && slot.get().get() != failed) return std::chrono::nanoseconds::zero();
+    try {
+        moduleObject().attr("printGenericError")(exceptionObject(failure));
+    } catch (py::error_already_set& e) {
+        e.discard_as_unraisable("printGenericError on the USB receive thread");
+    }
+    return device::backoff(failures);
+}
+
+void runUsbReceiver(py::handle self) {
+    HandleCore& hc = coreOf(self);
+    auto core = hc.core;
+    auto client_slot = hc.cmd_slot;
+    auto gate = gateOf(self.attr("recv_cmd_lock"));
+    bool routing_failed = false;
+    {
+        py::gil_scoped_release nogil;
+        const transport::Client* reading = nullptr;  // the client of the last read
+        try {
+            device::runReceiveLoop(
+                *core, *gate, *client_slot,
+                [&reading](transport::Client& c) {
+                    reading = &c;
+                    auto* usb = dynamic_cast<transport::UsbClient*>(&c);
+                    if (usb == nullptr) throw std::logic_error("client_cmd is not a USBClient");
+                    // Waits for the unit instead of polling; disconnect and close cancel the wait.
+                    return usb->awaitAndSplitPacket(w::USB_PKT_SIZE);
+                },
+                [&](std::exception_ptr e, unsigned failures) {
+                    return reportUsbReadError(*core, *client_slot, reading, e, failures);
+                });
+        } catch (const device::RoutingError&) {
+            routing_failed = true;
+        }
+    }
+    if (routing_failed) throw py::index_error("index out of range");
+}
+
+void usbInit(py::handle self, py::handle verbose) {
+    deviceInit(self);
+    self.attr("serial_num") = py::none();
+    self.attr("client_cmd") = py::none();
+    self.attr("connect_status_cmd") = false;
+    self.attr("recv_cmd_lock") = newGate(true);
+    self.attr("recv_cmd_thread") = startThread(self, "_recvCMDThread");
+    self.attr("data_pool_strm2") = makePoolView(device::DataPools(), "strm");
+    if (truthy(verbose)) say(self, "Opened handle (", py::object(), ")");
+}
+
+py::object usbConnect(py::handle self, py::handle serial_num, py::handle verbose) {
+    if (truthy(self.attr("connect_status_cmd"))) return py::none();
+    self.attr("client_cmd") = moduleObject().attr("USBClient")(serial_num);
+    self.attr("connect_status_cmd") = true;
+    self.attr("serial_num") = serial_num;
+    self.attr("recv_cmd_lock").attr("release")();
+    if (truthy(verbose)) say(self, "Connected to ", self.attr("serial_num"));
+    return self.attr("connect_status_cmd");
+}
+
+void usbDisconnect(py::handle self, py::handle verbose) {
+    if (!truthy(self.attr("connect_status_cmd"))) return;
+    self.attr("recv_cmd_lock").attr("acquire")();
+    blockingSleep1ms();
+    py::object old = self.attr("client_cmd");
+    self.attr("client_cmd") = py::none();
+    // The thread may wait in a read without a time limit: end that read, and let the device
+    // handle go once nothing uses it.
+    if (py::isinstance<transport::UsbClient>(old)) {
+        auto client = py::cast<std::shared_ptr<transport::UsbClient>>(old);
+        py::gil_scoped_release nogil;
+        client->release();
+    }
+    self.attr("connect_status_cmd") = false;
+    if (truthy(verbose)) say(self, "Disconnected from ", self.attr("serial_num"));
+}
+
+void usbClose(py::handle self, py::handle verbose) {
+    if (truthy(self.attr("killed"))) return;
+    if (truthy(self.attr("connect_status_cmd"))) self.attr("disconnect")();
+    deviceClose(self, py::bool_(false));
+    self.attr("recv_cmd_lock").attr("release")();
+    if (truthy(verbose)) say(self, "Closed handle (", py::object(), ")");
 }
 
 // ---- NetworkDevice ----
@@ -265,6 +374,14 @@ void bindDevices(py::module_& m) {
              },
              py::arg("cmd"), py::arg("data"));
     g_device = device.object();
+
+    PyClass usb(m, "USBDevice", py::make_tuple(g_device), "Base of the USB units: one USBClient while connected, and its thread.");
+    usb.def("__init__", [](py::handle self, py::handle v) { usbInit(self, v); }, verbose)
+        .def("connect", &usbConnect, py::arg("serial_num"), verbose)
+        .def("disconnect", [](py::handle self, py::handle v) { usbDisconnect(self, v); }, verbose)
+        .def("close", [](py::handle self, py::handle v) { usbClose(self, v); }, verbose)
+        .def("_recvCMDThread", [](py::handle self) { runUsbReceiver(self); });
+    defineClientField<&HandleCore::cmd_slot>(usb, "client_cmd");
 
     PyClass network(m, "NetworkDevice", py::make_tuple(g_device), "A unit reached over TCP: one command connection and its thread.");
     network.def("__init__", [](py::handle self, py::handle v) { networkInit(self, v); }, verbose)

@@ -7,6 +7,7 @@
 #include "measure/signal_queue.hpp"
 #include "pyclass.hpp"
 #include "transport/client.hpp"
+#include "transport/usb_client.hpp"
 #include "wire/commands.hpp"
 #include "wire/frame.hpp"
 
@@ -217,7 +218,23 @@ void bindPacket(py::module_& m) {
              [](py::object self, py::object cmd, py::object data_out) {
                  return aio::makeOp(broadcastPacket(self, cmd, data_out), "Packet._broadcastPacket_async");
              },
-             py::arg("cmd"), py::arg("data_out"));
+             py::arg("cmd"), py::arg("data_out"))
+        .def("_getAllUSBDevices", [](py::handle) {
+            std::vector<transport::UsbUnitStrings> units;
+            {
+                py::gil_scoped_release nogil;
+                units = transport::listUsbUnits();
+            }
+            auto text = [](const std::optional<std::string>& s) -> py::object { return s ? py::object(py::str(*s)) : py::object(py::none()); };
+            py::list out;
+            for (const auto& u : units) {
+                py::list pair;
+                pair.append(text(u.serial));
+                pair.append(text(u.product));
+                out.append(pair);
+            }
+            return out;
+        });
 }
 
 }  // namespace torvik::py_binding

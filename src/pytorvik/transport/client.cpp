@@ -15,6 +15,14 @@ py::bytes toBytes(std::span<const std::uint8_t> v) { return py::bytes(reinterpre
 
 }  // namespace
 
+std::vector<std::uint8_t> bytesOf(py::handle obj) {
+    PyObject* b = PyBytes_FromObject(obj.ptr());
+    if (b == nullptr) throw py::error_already_set();
+    auto owned = py::reinterpret_steal<py::bytes>(b);
+    std::string_view v = owned;
+    return {v.begin(), v.end()};
+}
+
 py::list packetsToList(const std::vector<wire::Packet>& packets) {
     py::list out(packets.size());
     for (std::size_t i = 0; i < packets.size(); ++i) out[i] = py::make_tuple(packets[i].cmd, toBytes(packets[i].data));

@@ -12,14 +12,6 @@ using transport::UdpClient;
 
 namespace {
 
-std::vector<std::uint8_t> bytesOf(py::handle obj) {
-    PyObject* b = PyBytes_FromObject(obj.ptr());
-    if (b == nullptr) throw py::error_already_set();
-    auto owned = py::reinterpret_steal<py::bytes>(b);
-    std::string_view v = owned;
-    return {v.begin(), v.end()};
-}
-
 std::optional<double> timeoutArg(py::handle t) {
     if (t.is_none()) return std::nullopt;
     double v = py::cast<double>(t);

@@ -94,34 +94,69 @@ void setSocketModuleError(const char* cls, py::object args) {
     PyErr_SetObject(exc.ptr(), args.ptr());
 }
 
+// Sets the Python error that an engine failure stands for; false for a failure of another kind.
+bool setEngineError(std::exception_ptr p) {
+    try {
+        if (p) std::rethrow_exception(p);
+    } catch (const transport::ConnectFailed&) {
+        setLibraryError("NetworkConnectionError");
+    } catch (const transport::ConnectionLost&) {
+        setLibraryError("NetworkConnectionLostError");
+    } catch (const transport::UsbUnitNotFound&) {
+        setLibraryError("USBConnectionError");
+    } catch (const transport::UsbError& e) {
+        py::handle cls = errorClass(dynamic_cast<const transport::UsbTimeout*>(&e) ? "USBTimeoutError" : "USBError");
+        py::object inst = cls(e.code, e.what());
+        PyErr_SetObject(cls.ptr(), inst.ptr());
+    } catch (const transport::NoSocket& e) {
+        // What a missing socket (the integer 0) answers when asked to act.
+        PyErr_Format(PyExc_AttributeError, "'int' object has no attribute '%s'", e.op);
+    } catch (const device::AbsentClient&) {
+        PyErr_SetString(PyExc_AttributeError, "'NoneType' object has no attribute 'recvAndSplitPacket'");
+    } catch (const transport::ReceiveTimeout&) {
+        setSocketModuleError("timeout", py::make_tuple("timed out"));
+    } catch (const transport::ResolveError& e) {
+        setSocketModuleError("gaierror", py::make_tuple(e.code, e.what()));
+    } catch (const transport::SocketError& e) {
+        py::object args = py::make_tuple(e.err, std::strerror(e.err));
+        PyErr_SetObject(PyExc_OSError, args.ptr());
+    } catch (const transport::BadPort& e) {
+        PyErr_SetString(PyExc_OverflowError, e.what());
+    } catch (const device::RoutingError& e) {
+        PyErr_SetString(PyExc_IndexError, e.what());
+    } catch (...) {
+        return false;
+    }
+    return true;
+}
+
 }  // namespace
 
 void registerTranslators() {
     py::register_exception_translator([](std::exception_ptr p) {
-        try {
-            if (p) std::rethrow_exception(p);
-        } catch (const transport::ConnectFailed&) {
-            setLibraryError("NetworkConnectionError");
-        } catch (const transport::ConnectionLost&) {
-            setLibraryError("NetworkConnectionLostError");
-        } catch (const transport::NoSocket& e) {
-            // What a missing socket (the integer 0) answers when asked to act.
-            PyErr_Format(PyExc_AttributeError, "'int' object has no attribute '%s'", e.op);
-        } catch (const device::AbsentClient&) {
-            PyErr_SetString(PyExc_AttributeError, "'NoneType' object has no attribute 'recvAndSplitPacket'");
-        } catch (const transport::ReceiveTimeout&) {
-            setSocketModuleError("timeout", py::make_tuple("timed out"));
-        } catch (const transport::ResolveError& e) {
-            setSocketModuleError("gaierror", py::make_tuple(e.code, e.what()));
-        } catch (const transport::SocketError& e) {
-            py::object args = py::make_tuple(e.err, std::strerror(e.err));
-            PyErr_SetObject(PyExc_OSError, args.ptr());
-        } catch (const transport::BadPort& e) {
-            PyErr_SetString(PyExc_OverflowError, e.what());
-        } catch (const device::RoutingError& e) {
-            PyErr_SetString(PyExc_IndexError, e.what());
-        }
+        if (!setEngineError(p)) std::rethrow_exception(p);
     });
+}
+
+py::object exceptionObject(std::exception_ptr failure) {
+    if (!setEngineError(failure)) {
+        try {
+            std::rethrow_exception(failure);
+        } catch (py::error_already_set& e) {
+            e.restore();
+        } catch (const std::exception& e) {
+            PyErr_SetString(PyExc_RuntimeError, e.what());
+        } catch (...) {
+            PyErr_SetString(PyExc_RuntimeError, "unknown failure");
+        }
+    }
+    PyObject *type = nullptr, *value = nullptr, *trace = nullptr;
+    PyErr_Fetch(&type, &value, &trace);
+    PyErr_NormalizeException(&type, &value, &trace);
+    if (trace != nullptr) PyException_SetTraceback(value, trace);
+    Py_XDECREF(type);
+    Py_XDECREF(trace);
+    return py::reinterpret_steal<py::object>(value);
 }
 
 void bindErrors(py::module_& m) {
@@ -154,6 +189,17 @@ void bindErrors(py::module_& m) {
         };
         setMethod(cls, "__init__", py::cpp_function(init, py::is_method(cls), py::arg("msg") = py::none()));
     }
+
+    // Failures of the USB library: libusb's error code and text, read and write time-outs apart.
+    py::object usb_error = makeClass(m, "USBError", PyExc_OSError, "A libusb failure: its error code and text.");
+    setMethod(usb_error, "__init__",
+              py::cpp_function(
+                  [](py::handle self, py::handle code, py::handle msg) {
+                      py::handle(PyExc_OSError).attr("__init__")(self, code, msg);
+                      errorInit(self, code, msg);
+                  },
+                  py::is_method(usb_error), py::arg("code"), py::arg("msg")));
+    makeClass(m, "USBTimeoutError", usb_error, "A USB transfer that ran into its time limit.");
 
     m.def(
         "printGenericError",

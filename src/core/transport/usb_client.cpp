@@ -1,0 +1,367 @@
+#include "transport/usb_client.hpp"
+
+#include <libusb.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+
+#include "wire/commands.hpp"
+
+namespace torvik::transport {
+
+UsbError::UsbError(int code) : std::runtime_error(libusb_strerror(code)), code(code) {}
+
+UsbTimeout::UsbTimeout() : UsbError(LIBUSB_ERROR_TIMEOUT) {}
+
+// The one libusb context of the library. It lives while a client or a listing uses it, so that
+// no event monitor thread of libusb outlives the last USB handle.
+class UsbContext {
+public:
+    static std::shared_ptr<UsbContext> get() {
+        static auto* mutex = new std::mutex;  // leaked: clients may go during static destruction
+        static auto* cached = new std::weak_ptr<UsbContext>;
+        std::lock_guard lock(*mutex);
+        if (auto ctx = cached->lock()) return ctx;
+        libusb_context* raw = nullptr;
+        if (int rc = libusb_init(&raw); rc < 0) throw UsbError(rc);
+        std::shared_ptr<UsbContext> ctx(new UsbContext(raw));
+        *cached = ctx;
+        return ctx;
+    }
+    ~UsbContext() { libusb_exit(ctx_); }
+    UsbContext(const UsbContext&) = delete;
+    UsbContext& operator=(const UsbContext&) = delete;
+    libusb_context* raw() const { return ctx_; }
+
+private:
+    explicit UsbContext(libusb_context* ctx) : ctx_(ctx) {}
+    libusb_context* ctx_;
+};
+
+namespace {
+
+namespace w = torvik::wire;
+
+// A write that the unit does not take within this time fails instead of hanging.
+constexpr unsigned kWriteTimeoutMs = 1000;
+
+using HandlePtr = std::unique_ptr<libusb_device_handle, decltype(&libusb_close)>;
+
+// The attached devices, referenced while the list lives.
+class DeviceList {
+public:
+    explicit DeviceList(libusb_context* ctx) {
+        ssize_t n = libusb_get_device_list(ctx, &list_);
+        if (n < 0) throw UsbError(static_cast<int>(n));
+        size_ = static_cast<std::size_t>(n);
+    }
+    ~DeviceList() { libusb_free_device_list(list_, 1); }
+    DeviceList(const DeviceList&) = delete;
+    DeviceList& operator=(const DeviceList&) = delete;
+    libusb_device* const* begin() const { return list_; }
+    libusb_device* const* end() const { return list_ + size_; }
+
+private:
+    libusb_device** list_ = nullptr;
+    std::size_t size_ = 0;
+};
+
+// Vendor first, then product: nothing else is read from a device of another maker.
+bool isUnit(libusb_device* dev, libusb_device_descriptor& desc) {
+    if (libusb_get_device_descriptor(dev, &desc) < 0) return false;
+    return desc.idVendor == w::USB_VID && desc.idProduct == w::USB_PID;
+}
+
+void appendUtf8(std::string& out, std::uint32_t cp) {
+    if (cp < 0x80) {
+        out += static_cast<char>(cp);
+    } else if (cp < 0x800) {
+        out += static_cast<char>(0xC0 | cp >> 6);
+        out += static_cast<char>(0x80 | (cp & 0x3F));
+    } else if (cp < 0x10000) {
+        out += static_cast<char>(0xE0 | cp >> 12);
+        out += static_cast<char>(0x80 | (cp >> 6 & 0x3F));
+        out += static_cast<char>(0x80 | (cp & 0x3F));
+    } else {
+        out += static_cast<char>(0xF0 | cp >> 18);
+        out += static_cast<char>(0x80 | (cp >> 12 & 0x3F));
+        out += static_cast<char>(0x80 | (cp >> 6 & 0x3F));
+        out += static_cast<char>(0x80 | (cp & 0x3F));
+    }
+}
+
+// A string descriptor in the device's first language, as UTF-8; nullopt for index 0.
+std::optional<std::string> readString(libusb_device_handle* h, std::uint8_t index) {
+    if (index == 0) return std::nullopt;
+    unsigned char buf[255];
+    int n = libusb_get_string_descriptor(h, 0, 0, buf, sizeof buf);
+    if (n < 0) throw UsbError(n);
+    if (n < 4 || buf[1] != LIBUSB_DT_STRING) throw UsbError(LIBUSB_ERROR_IO);
+    const std::uint16_t lang = static_cast<std::uint16_t>(buf[2] | buf[3] << 8);
+    n = libusb_get_string_descriptor(h, index, lang, buf, sizeof buf);
+    if (n < 0) throw UsbError(n);
+    if (n < 2 || buf[1] != LIBUSB_DT_STRING) throw UsbError(LIBUSB_ERROR_IO);
+    n = std::min<int>(n, buf[0]);
+    std::string out;
+    for (int i = 2; i + 1 < n; i += 2) {
+        std::uint32_t cp = buf[i] | buf[i + 1] << 8;
+        if (cp >= 0xD800 && cp < 0xDC00 && i + 3 < n) {
+            const std::uint32_t low = buf[i + 2] | buf[i + 3] << 8;
+            if (low >= 0xDC00 && low < 0xE000) {
+                cp = 0x10000 + ((cp - 0xD800) << 10) + (low - 0xDC00);
+                i += 2;
+            }
+        }
+        appendUtf8(out, cp);
+    }
+    return out;
+}
+
+// The end of one transfer: `done` for the waiting thread (it also orders the transfer's results
+// before their reading), `flag` for libusb, which watches an int under its own lock.
+struct Completion {
+    std::atomic<bool> done{false};
+    int flag = 0;
+};
+
+void LIBUSB_CALL onTransferDone(libusb_transfer* t) {
+    auto* c = static_cast<Completion*>(t->user_data);
+    c->done.store(true);
+    c->flag = 1;
+}
+
+}  // namespace
+
+// One call that uses the device handle: refused once released (with UsbError, or quietly), and
+// counted so that release() closes the handle only when none is inside.
+class UsbClient::Use {
+public:
+    explicit Use(UsbClient& c, bool quiet = false) : c_(c) {
+        std::lock_guard lock(c_.m_);
+        if (c_.released_ || !c_.handle_) {
+            if (!quiet) throw UsbError(LIBUSB_ERROR_NO_DEVICE);
+            return;
+        }
+        ++c_.users_;
+        ok_ = true;
+    }
+    ~Use() {
+        if (!ok_) return;
+        std::lock_guard lock(c_.m_);
+        if (--c_.users_ == 0) c_.idle_.notify_all();
+    }
+    Use(const Use&) = delete;
+    Use& operator=(const Use&) = delete;
+    explicit operator bool() const { return ok_; }
+
+private:
+    UsbClient& c_;
+    bool ok_ = false;
+};
+
+UsbClient::UsbClient(const std::string& serial)
+    : ctx_(UsbContext::get()), ep_in_(w::USB_EP_IN), ep_out_(w::USB_EP_OUT) {
+    HandlePtr handle(nullptr, &libusb_close);
+    {
+        DeviceList list(ctx_->raw());
+        for (libusb_device* dev : list) {
+            libusb_device_descriptor desc;
+            if (!isUnit(dev, desc)) continue;
+            libusb_device_handle* h = nullptr;
+            if (libusb_open(dev, &h) < 0) continue;  // a unit we cannot open has no serial number to us
+            HandlePtr candidate(h, &libusb_close);
+            std::optional<std::string> s;
+            try {
+                s = readString(h, desc.iSerialNumber);
+            } catch (const UsbError&) {
+            }
+            if (s == serial) {
+                handle = std::move(candidate);
+                break;
+            }
+        }
+    }
+    if (!handle) throw UsbUnitNotFound("no USB unit with serial number " + serial);
+
+    libusb_device* dev = libusb_get_device(handle.get());
+    libusb_device_descriptor d;
+    if (int rc = libusb_get_device_descriptor(dev, &d); rc < 0) throw UsbError(rc);
+    device_ = UsbDeviceInfo{d.idVendor,      d.idProduct, d.bcdDevice,          libusb_get_bus_number(dev),
+                            libusb_get_device_address(dev), d.iManufacturer, d.iProduct, d.iSerialNumber,
+                            d.bNumConfigurations};
+
+    libusb_config_descriptor* cfg = nullptr;
+    if (int rc = libusb_get_config_descriptor(dev, 0, &cfg); rc < 0) throw UsbError(rc);
+    std::unique_ptr<libusb_config_descriptor, decltype(&libusb_free_config_descriptor)> cfg_owner(
+        cfg, &libusb_free_config_descriptor);
+    config_ = UsbConfigInfo{cfg->bConfigurationValue, cfg->bNumInterfaces, cfg->bmAttributes, cfg->MaxPower};
+    if (cfg->bNumInterfaces == 0 || cfg->interface[0].num_altsetting == 0) throw UsbError(LIBUSB_ERROR_NOT_FOUND);
+    const libusb_interface_descriptor& alt = cfg->interface[0].altsetting[0];
+    interface_.number = alt.bInterfaceNumber;
+    interface_.alternate = alt.bAlternateSetting;
+    interface_.interface_class = alt.bInterfaceClass;
+    for (int i = 0; i < alt.bNumEndpoints; ++i) {
+        const libusb_endpoint_descriptor& ep = alt.endpoint[i];
+        interface_.endpoints.push_back({ep.bEndpointAddress, ep.bmAttributes, ep.wMaxPacketSize});
+        const bool interrupt = (ep.bmAttributes & 3) == LIBUSB_TRANSFER_TYPE_INTERRUPT;
+        if (ep.bEndpointAddress == ep_in_) in_interrupt_ = interrupt;
+        if (ep.bEndpointAddress == ep_out_) out_interrupt_ = interrupt;
+    }
+
+#ifdef __linux__
+    const int active = libusb_kernel_driver_active(handle.get(), interface_.number);
+    if (active == 1) {
+        if (int rc = libusb_detach_kernel_driver(handle.get(), interface_.number); rc < 0) throw UsbError(rc);
+    } else if (active < 0 && active != LIBUSB_ERROR_NOT_SUPPORTED) {
+        throw UsbError(active);
+    }
+#endif
+    handle_ = handle.release();
+}
+
+UsbClient::~UsbClient() {
+    if (handle_) libusb_close(handle_);
+}
+
+std::optional<std::string> UsbClient::takeSerialNumber() {
+    Use use(*this);
+    return readString(handle_, device_.i_serial);
+}
+
+std::optional<std::string> UsbClient::takeProductName() {
+    Use use(*this);
+    return readString(handle_, device_.i_product);
+}
+
+std::optional<UsbClient::Outcome> UsbClient::transfer(std::uint8_t endpoint, bool interrupt, std::uint8_t* data,
+                                                      std::size_t length, unsigned timeout_ms, bool cancellable) {
+    std::unique_ptr<libusb_transfer, decltype(&libusb_free_transfer)> t(libusb_alloc_transfer(0), &libusb_free_transfer);
+    if (!t) throw UsbError(LIBUSB_ERROR_NO_MEM);
+    Completion completion;
+    (interrupt ? libusb_fill_interrupt_transfer : libusb_fill_bulk_transfer)(
+        t.get(), handle_, endpoint, data, static_cast<int>(length), &onTransferDone, &completion, timeout_ms);
+    {
+        std::lock_guard lock(m_);
+        if (cancellable && released_) return std::nullopt;
+        if (int rc = libusb_submit_transfer(t.get()); rc < 0) throw UsbError(rc);
+        if (cancellable) waiting_ = t.get();
+    }
+    // libusb's own way of waiting for one transfer: whichever thread holds the event lock reaps
+    // it, the others sleep until it has. Nothing wakes while the unit is silent.
+    while (!completion.done.load()) {
+        const int rc = libusb_handle_events_completed(ctx_->raw(), &completion.flag);
+        if (rc < 0 && rc != LIBUSB_ERROR_INTERRUPTED) libusb_cancel_transfer(t.get());  // its completion ends the wait
+    }
+    if (cancellable) {
+        std::lock_guard lock(m_);
+        waiting_ = nullptr;
+    }
+    return Outcome{t->status, t->actual_length};
+}
+
+namespace {
+
+[[noreturn]] void throwFor(int status) {
+    switch (status) {
+        case LIBUSB_TRANSFER_TIMED_OUT: throw UsbTimeout();
+        case LIBUSB_TRANSFER_STALL: throw UsbError(LIBUSB_ERROR_PIPE);
+        case LIBUSB_TRANSFER_NO_DEVICE: throw UsbError(LIBUSB_ERROR_NO_DEVICE);
+        case LIBUSB_TRANSFER_OVERFLOW: throw UsbError(LIBUSB_ERROR_OVERFLOW);
+        case LIBUSB_TRANSFER_CANCELLED: throw UsbError(LIBUSB_ERROR_INTERRUPTED);
+        default: throw UsbError(LIBUSB_ERROR_IO);
+    }
+}
+
+}  // namespace
+
+std::vector<std::uint8_t> UsbClient::recvPacket(std::size_t length, unsigned timeout_ms) {
+    Use use(*this);
+    std::vector<std::uint8_t> buf(length);
+    // libusb reads a time limit of 0 as none; the shortest limit is 1 ms.
+    const Outcome r = *transfer(ep_in_, in_interrupt_, buf.data(), length, std::max(timeout_ms, 1u), false);
+    const bool some = r.actual > 0 && (r.status == LIBUSB_TRANSFER_COMPLETED || r.status == LIBUSB_TRANSFER_TIMED_OUT);
+    if (r.status != LIBUSB_TRANSFER_COMPLETED && !some) throwFor(r.status);
+    buf.resize(static_cast<std::size_t>(r.actual));
+    return buf;
+}
+
+std::vector<wire::Packet> UsbClient::recvAndSplitPacket(std::size_t length, unsigned timeout_ms) {
+    return splitAfter(recvPacket(length, timeout_ms));
+}
+
+std::vector<std::uint8_t> UsbClient::awaitPacket(std::size_t length) {
+    Use use(*this, true);
+    if (!use) return {};
+    std::vector<std::uint8_t> buf(length);
+    const auto r = transfer(ep_in_, in_interrupt_, buf.data(), length, 0, true);
+    if (!r) return {};
+    if (r->status != LIBUSB_TRANSFER_COMPLETED && r->status != LIBUSB_TRANSFER_CANCELLED) throwFor(r->status);
+    buf.resize(static_cast<std::size_t>(r->actual));
+    return buf;
+}
+
+std::vector<wire::Packet> UsbClient::awaitAndSplitPacket(std::size_t length) { return splitAfter(awaitPacket(length)); }
+
+std::vector<wire::Packet> UsbClient::splitAfter(std::vector<std::uint8_t> chunk) {
+    if (chunk.empty()) return {};
+    return withStream([&](wire::FrameSplitter& s) {
+        s.append(chunk);
+        return s.split();
+    });
+}
+
+void UsbClient::sendPacket(std::span<const std::uint8_t> bytes) {
+    auto data = padToPacket(bytes, w::USB_PKT_SIZE);
+    Use use(*this);
+    const Outcome r = *transfer(ep_out_, out_interrupt_, data.data(), data.size(), kWriteTimeoutMs, false);
+    if (r.status != LIBUSB_TRANSFER_COMPLETED) throwFor(r.status);
+}
+
+void UsbClient::release() {
+    libusb_device_handle* closing = nullptr;
+    {
+        std::unique_lock lock(m_);
+        if (released_) return;
+        released_ = true;
+        if (waiting_) libusb_cancel_transfer(waiting_);
+        // A cancelled read ends within milliseconds, a write within its time limit. Should a call
+        // still be inside after that, the destructor closes the handle once it has let go.
+        if (!idle_.wait_for(lock, std::chrono::milliseconds(kWriteTimeoutMs + 500), [this] { return users_ == 0; }))
+            return;
+        std::swap(closing, handle_);
+    }
+    libusb_close(closing);
+}
+
+std::vector<std::uint8_t> padToPacket(std::span<const std::uint8_t> frame, std::size_t packet_size) {
+    std::vector<std::uint8_t> out(frame.begin(), frame.end());
+    if (out.size() < packet_size) out.resize(packet_size, 0);
+    return out;
+}
+
+std::vector<UsbUnitStrings> listUsbUnits() {
+    auto ctx = UsbContext::get();
+    std::vector<UsbUnitStrings> out;
+    DeviceList list(ctx->raw());
+    for (libusb_device* dev : list) {
+        libusb_device_descriptor desc;
+        if (!isUnit(dev, desc)) continue;
+        libusb_device_handle* h = nullptr;
+        if (int rc = libusb_open(dev, &h); rc < 0) throw UsbError(rc);
+        HandlePtr handle(h, &libusb_close);
+        UsbUnitStrings s;
+        s.serial = readString(h, desc.iSerialNumber);
+        s.product = readString(h, desc.iProduct);
+        out.push_back(std::move(s));
+    }
+    return out;
+}
+
+std::string libusbVersion() {
+    const libusb_version* v = libusb_get_version();
+    return std::to_string(v->major) + "." + std::to_string(v->minor) + "." + std::to_string(v->micro) +
+           "." + std::to_string(v->nano);
+}
+
+}  // namespace torvik::transport

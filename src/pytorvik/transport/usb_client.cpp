@@ -1,0 +1,124 @@
+#include <pybind11/stl.h>
+
+#include <cstdio>
+
+#include "bindings.hpp"
+#include "transport/usb_client.hpp"
+
+namespace torvik::py_binding {
+
+using transport::UsbClient;
+
+namespace {
+
+// What getLibUSB1 reports: libusb-1.0 is linked at build time, so there is nothing to look for.
+struct UsbBackend {
+    std::string version = transport::libusbVersion();
+};
+
+std::string hex4(unsigned v) {
+    char buf[8];
+    std::snprintf(buf, sizeof buf, "%04x", v & 0xFFFF);
+    return buf;
+}
+
+}  // namespace
+
+void bindUsbClient(py::module_& m) {
+    using transport::UsbConfigInfo;
+    using transport::UsbDeviceInfo;
+    using transport::UsbEndpointInfo;
+    using transport::UsbInterfaceInfo;
+
+    py::class_<UsbBackend>(m, "USBBackend", "The USB library the module is linked with.")
+        .def_property_readonly("name", [](const UsbBackend&) { return "libusb-1.0"; })
+        .def_readonly("version", &UsbBackend::version)
+        .def("__repr__", [](const UsbBackend& b) { return "<USBBackend libusb-1.0 " + b.version + ">"; });
+    m.def("getLibUSB1", [] { return UsbBackend{}; }, "The USB backend: the libusb-1.0 linked into the module.");
+
+    py::class_<UsbDeviceInfo>(m, "USBDeviceHandle", "Descriptor fields and bus position of a matched unit.")
+        .def_readonly("idVendor", &UsbDeviceInfo::vendor)
+        .def_readonly("idProduct", &UsbDeviceInfo::product)
+        .def_readonly("bcdDevice", &UsbDeviceInfo::bcd_device)
+        .def_readonly("bus", &UsbDeviceInfo::bus)
+        .def_readonly("address", &UsbDeviceInfo::address)
+        .def_readonly("iManufacturer", &UsbDeviceInfo::i_manufacturer)
+        .def_readonly("iProduct", &UsbDeviceInfo::i_product)
+        .def_readonly("iSerialNumber", &UsbDeviceInfo::i_serial)
+        .def_readonly("bNumConfigurations", &UsbDeviceInfo::num_configurations)
+        .def("__repr__", [](const UsbDeviceInfo& d) {
+            return "<USBDeviceHandle " + hex4(d.vendor) + ":" + hex4(d.product) + " bus " + std::to_string(d.bus) +
+                   " address " + std::to_string(d.address) + ">";
+        });
+
+    py::class_<UsbConfigInfo>(m, "USBConfiguration", "The configuration at index 0 of a matched unit.")
+        .def_readonly("bConfigurationValue", &UsbConfigInfo::value)
+        .def_readonly("bNumInterfaces", &UsbConfigInfo::num_interfaces)
+        .def_readonly("bmAttributes", &UsbConfigInfo::attributes)
+        .def_readonly("bMaxPower", &UsbConfigInfo::max_power)
+        .def_property_readonly("index", [](const UsbConfigInfo&) { return 0; });
+
+    py::class_<UsbEndpointInfo>(m, "USBEndpoint", "An endpoint descriptor.")
+        .def_readonly("bEndpointAddress", &UsbEndpointInfo::address)
+        .def_readonly("bmAttributes", &UsbEndpointInfo::attributes)
+        .def_readonly("wMaxPacketSize", &UsbEndpointInfo::max_packet_size)
+        .def("__repr__", [](const UsbEndpointInfo& e) {
+            static const char* const kinds[] = {"control", "isochronous", "bulk", "interrupt"};
+            return std::string("<USBEndpoint 0x") + hex4(e.address).substr(2) + " " + kinds[e.attributes & 3] + " " +
+                   std::to_string(e.max_packet_size) + ">";
+        });
+
+    py::class_<UsbInterfaceInfo>(m, "USBInterface", "Interface 0, alternate setting 0, of the first configuration.")
+        .def_readonly("bInterfaceNumber", &UsbInterfaceInfo::number)
+        .def_readonly("bAlternateSetting", &UsbInterfaceInfo::alternate)
+        .def_readonly("bInterfaceClass", &UsbInterfaceInfo::interface_class)
+        .def_property_readonly("bNumEndpoints", [](const UsbInterfaceInfo& i) { return i.endpoints.size(); })
+        .def_readonly("endpoints", &UsbInterfaceInfo::endpoints);
+
+    py::class_<UsbClient, transport::Client, std::shared_ptr<UsbClient>>(
+        m, "USBClient", py::dynamic_attr(), "USB transport to the unit with a given serial number.")
+        .def(py::init([](const std::string& serial_num) {
+                 py::gil_scoped_release nogil;
+                 return std::make_shared<UsbClient>(serial_num);
+             }),
+             py::arg("serial_num"))
+        .def_property_readonly("device", &UsbClient::device)
+        .def_property_readonly("config", &UsbClient::config)
+        .def_property_readonly("interface", &UsbClient::interfaceInfo)
+        .def_property_readonly("ep_in", &UsbClient::epIn)
+        .def_property_readonly("ep_out", &UsbClient::epOut)
+        .def("takeSerialNumber", &UsbClient::takeSerialNumber, py::call_guard<py::gil_scoped_release>())
+        .def("takeProductName", &UsbClient::takeProductName, py::call_guard<py::gil_scoped_release>())
+        .def(
+            "recvPacket",
+            [](UsbClient& c, std::size_t length) {
+                std::vector<std::uint8_t> data;
+                {
+                    py::gil_scoped_release nogil;
+                    data = c.recvPacket(length, 1);
+                }
+                return py::bytes(reinterpret_cast<const char*>(data.data()), data.size());
+            },
+            py::arg("length"), "One read of up to `length` bytes within 1 ms; USBTimeoutError when nothing came.")
+        .def(
+            "recvAndSplitPacket",
+            [](UsbClient& c, std::size_t length) {
+                std::vector<wire::Packet> packets;
+                {
+                    py::gil_scoped_release nogil;
+                    packets = c.recvAndSplitPacket(length, 1);
+                }
+                return packetsToList(packets);
+            },
+            py::arg("length"))
+        .def(
+            "sendPacket",
+            [](UsbClient& c, py::handle int_list) {
+                auto bytes = bytesOf(int_list);
+                py::gil_scoped_release nogil;
+                c.sendPacket(bytes);
+            },
+            py::arg("int_list"));
+}
+
+}  // namespace torvik::py_binding

@@ -1,0 +1,129 @@
+// The USB client against emulated units: ctest runs this binary as the child of
+// `torvik-sim --usb TorvikUsbSink:CORE-A --usb TorvikUsbLogic:CORE-B,transfer=interrupt`.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <future>
+#include <thread>
+
+#include "device/receiver.hpp"
+#include "transport/usb_client.hpp"
+#include "wire/commands.hpp"
+#include "wire/frame.hpp"
+
+using namespace torvik;
+using namespace std::chrono_literals;
+
+namespace {
+
+class UsbTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (!std::getenv("TORVIK_SIM_USB")) GTEST_SKIP() << "runs only as the child of torvik-sim --usb ...";
+    }
+};
+
+std::vector<std::uint8_t> request(std::uint8_t port) {
+    std::vector<std::uint8_t> payload{port};
+    return wire::buildFrame(wire::GET_DRIVER_INFO, payload);
+}
+
+// Reads until a packet comes (the receive thread's way), at most a few seconds.
+std::vector<wire::Packet> awaitPackets(transport::UsbClient& c) {
+    auto fut = std::async(std::launch::async, [&c] { return c.awaitAndSplitPacket(wire::USB_PKT_SIZE); });
+    if (fut.wait_for(5s) != std::future_status::ready) {
+        c.release();
+        ADD_FAILURE() << "no reply";
+    }
+    return fut.get();
+}
+
+TEST_F(UsbTest, MatchesTheExactSerialNumberAndListsUnits) {
+    EXPECT_THROW(transport::UsbClient("core-a"), transport::UsbUnitNotFound);
+    EXPECT_THROW(transport::UsbClient("CORE-"), transport::UsbUnitNotFound);
+    auto units = transport::listUsbUnits();
+    ASSERT_EQ(units.size(), 2u);
+    for (const auto& u : units)
+        EXPECT_TRUE((u.serial == "CORE-A" && u.product == "Torvik-USB-Sink") ||
+                    (u.serial == "CORE-B" && u.product == "Torvik-USB-Logic"));
+}
+
+TEST_F(UsbTest, RoundTripsOnBulkAndInterruptEndpoints) {
+    for (const char* serial : {"CORE-A", "CORE-B"}) {
+        transport::UsbClient c(serial);
+        EXPECT_EQ(c.takeSerialNumber(), serial);
+        c.sendPacket(request(5));
+        auto packets = awaitPackets(c);
+        ASSERT_EQ(packets.size(), 1u);
+        EXPECT_EQ(packets[0], (wire::Packet{wire::GET_DRIVER_INFO, {5, 0}}));
+        EXPECT_EQ(c.withStream([](auto& s) { return s.stream().size(); }), 64u - 8u);  // the padding stays
+    }
+}
+
+TEST_F(UsbTest, ReadWithATimeLimitTimesOutPromptly) {
+    transport::UsbClient c("CORE-A");
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_THROW(c.recvPacket(64, 1), transport::UsbTimeout);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 500ms);
+}
+
+TEST_F(UsbTest, ReleaseEndsAWaitingReadAndRefusesLaterCalls) {
+    transport::UsbClient c("CORE-A");
+    auto reader = std::async(std::launch::async, [&c] { return c.awaitPacket(64); });
+    EXPECT_EQ(reader.wait_for(100ms), std::future_status::timeout);  // the unit is silent
+    const auto start = std::chrono::steady_clock::now();
+    c.release();
+    ASSERT_EQ(reader.wait_for(2s), std::future_status::ready);
+    EXPECT_TRUE(reader.get().empty());
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 1s);
+    EXPECT_TRUE(c.awaitPacket(64).empty());
+    EXPECT_THROW(c.sendPacket(request(1)), transport::UsbError);
+    c.release();  // again: nothing
+}
+
+// The receive thread's life over USB: replies filed while the gate is open, a disconnect that
+// cancels the waiting read, a reconnect, and the end through `killed`.
+TEST_F(UsbTest, ReceiveLoopFilesRepliesAndStopsOnDisconnectAndKill) {
+    device::DeviceCore core;
+    device::Gate gate(true);
+    device::ClientSlot slot;
+    std::atomic<int> failures{0};
+    std::thread thread([&] {
+        device::runReceiveLoop(
+            core, gate, slot,
+            [](transport::Client& c) {
+                return dynamic_cast<transport::UsbClient&>(c).awaitAndSplitPacket(wire::USB_PKT_SIZE);
+            },
+            [&](std::exception_ptr, unsigned) {
+                ++failures;
+                return std::chrono::nanoseconds::zero();
+            });
+    });
+    auto waitReply = [&] {
+        for (int i = 0; i < 500; ++i) {
+            if (auto r = core.pools.echo->take(wire::GET_DRIVER_INFO)) return *r;
+            std::this_thread::sleep_for(5ms);
+        }
+        return device::Bytes{};
+    };
+    for (std::uint8_t round : {1, 2}) {
+        auto client = std::make_shared<transport::UsbClient>("CORE-B");
+        slot.set(client);
+        gate.release();
+        client->sendPacket(request(round));
+        EXPECT_EQ(waitReply(), (device::Bytes{round, 0}));
+        // disconnect: close the gate, drop the client, end its waiting read
+        gate.acquire();
+        std::this_thread::sleep_for(1ms);
+        slot.set(nullptr);
+        client->release();
+    }
+    core.killed = true;
+    gate.release();
+    thread.join();
+    EXPECT_LE(failures.load(), 1);  // at most the missing client, on the way out
+}
+
+}  // namespace
