@@ -53,7 +53,8 @@ def _placed(unit):
     return simctl.unit_spec(cls, serial=serial or None)
 
 
-# usb_unit:      a factory; usb_unit("TorvikUsbSink", serial=None, product=None, transfer=None)
+# usb_unit:      a factory; usb_unit("TorvikUsbSink", serial=None, product=None, transfer=None,
+#                firmware="echo"|"model")
 #                plugs a USB unit into the emulated bus this pytest runs on (a fresh serial
 #                number unless given) and returns its simctl.Unit once this process's libusb
 #                lists it; the units are removed again at teardown. The tests that use it skip
@@ -111,12 +112,13 @@ def usb_unit():
     host = usb_host()
     added = []
 
-    def add(cls="TorvikUsbSink", serial=None, product=None, transfer=None):
+    def add(cls="TorvikUsbSink", serial=None, product=None, transfer=None, firmware="echo"):
         serial = serial or "T%d-%d" % (os.getpid() % 10000, next(_usb_serials))
         arg = "%s:%s" % (cls, serial) + (",product=" + product if product else "") + (
             ",transfer=" + transfer if transfer else "")
         unit = host.add_usb(arg)
         added.append(unit)
+        unit.use_firmware(firmware)  # the transport tests want plain [port, 0] answers
         wait_listed(collections.Counter(u.serial for u in added))
         return unit
 

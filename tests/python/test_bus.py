@@ -217,7 +217,8 @@ def test_uart_free_ends_both_workers_in_either_state():
             dev.uart_p1_lock.release()
             dev.uart_p2_lock.release()
         dev._UART_free()
-        for th in (dev.uart_p1_stream_thread, dev.uart_p2_stream_thread):
+        dev._CAN_free()
+        for th in (dev.uart_p1_stream_thread, dev.uart_p2_stream_thread, dev.can_stream_thread):
             th.join(2)
             assert not th.is_alive() and isinstance(th, threading.Thread)
         dev.close(verbose=False)
