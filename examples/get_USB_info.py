@@ -12,11 +12,11 @@ def handle_class(product):
     """The handle class whose label is the unit's product string."""
     names = [key for key, label in pytorvik.LABEL_DICT.items() if label == product and key.startswith("Torvik")]
     name = names[0] if names else "TorvikUsbLogic"
-    return getattr(pytorvik, name, None) or type(name, (pytorvik.USBDevice, pytorvik.Packet), {})
+    return getattr(pytorvik, name, None) or type(name, (pytorvik.USBDevice, pytorvik.SystemModule), {})
 
 
 async def driver_info(dev):
-    return await dev._echoPacketWithRetry_async(pytorvik.GET_DRIVER_INFO, [])
+    return await dev.Sys_getDriverInfo_async()
 
 
 units = pytorvik.Packet()._getAllUSBDevices()
@@ -26,5 +26,5 @@ for serial, product in units:
 for serial, product in units:
     dev = handle_class(product)()
     dev.connect(serial)
-    print("driver info reply:", list(asyncio.run(driver_info(dev))))
+    print("driver info:", asyncio.run(driver_info(dev)))
     dev.close()

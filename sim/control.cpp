@@ -400,7 +400,7 @@ std::optional<std::string> ControlServer::execute(Client* client, const std::str
             out << ' ' << channelName(ch) << ".accepted=" << (p ? p->accepted() : 0) << ' ' << channelName(ch)
                 << ".open=" << (p ? p->open() : 0);
         }
-        out << " frames=" << k.frames << " replies=" << k.replies << " dropped=" << k.dropped << " lost=" << k.lost
+        out << " frames=" << k.frames << " replies=" << k.replies << " dropped=" << k.dropped << " lost=" << k.lost << " padded=" << k.padded
             << " junk=" << unit->junk() << unit->transport(Channel::Cmd)->statsFields();
         return out.str();
     }

@@ -26,6 +26,23 @@ Bytes encodeUnitFrame(std::uint16_t code, std::span<const std::uint8_t> payload)
     return out;
 }
 
+bool hostTakesWhole(std::span<const std::uint8_t> f) {
+    std::size_t from = 0;
+    while (from + 1 < f.size()) {
+        std::size_t c = from;
+        while (c + 1 < f.size() && !(f[c] == kCr && f[c + 1] == kLf)) ++c;
+        if (c + 1 >= f.size()) return false;
+        const std::size_t lowest = c > 32770 ? c - 32770 : 0;
+        for (std::size_t s = c; s-- > lowest;) {
+            if (f[s] != kStx) continue;
+            const auto length = static_cast<std::int16_t>(static_cast<std::uint16_t>((f[s + 1] << 8) | f[s + 2]));
+            if (length == static_cast<long>(c) - static_cast<long>(s) - 3) return s == 0 && c + 2 == f.size();
+        }
+        from = c + 1;
+    }
+    return false;
+}
+
 RequestParser::Fit RequestParser::fitAt(std::size_t pos, Frame* frame, std::size_t* end) const {
     const std::size_t have = buf_.size() - pos;
     if (have < 3) return Fit::Incomplete;

@@ -30,6 +30,12 @@ constexpr bool travelsAsOneByte(unsigned code) { return code > 48 && code < 256;
 // One frame as the unit sends it. Payloads beyond what the length field can count are cut.
 Bytes encodeUnitFrame(std::uint16_t code, std::span<const std::uint8_t> payload);
 
+// Whether the host's splitter, given this frame alone, takes it as one frame from its first byte
+// to its last. It would not when the payload holds a start byte whose length field happens to
+// point at the frame's terminator (or an earlier 0D 0A): the host then takes that tail for a
+// frame of its own and the reply is lost.
+bool hostTakesWhole(std::span<const std::uint8_t> frame);
+
 // Cuts the host's byte stream into requests. Bytes arrive in any slicing (torn across reads,
 // several frames in one read); zero bytes between frames are padding (USB transfers are padded to
 // 64 bytes) and are skipped without a count; anything else that is no frame is junk and counted.

@@ -34,14 +34,11 @@ std::uint16_t parsePort(const std::string& text, const std::string& unit_arg) {
     return static_cast<std::uint16_t>(v);
 }
 
-// Capitals of the class name after the family prefix: TorvikLanLogic -> LL.
-std::string defaultSerial(std::string_view cls, std::size_t index) {
-    std::string initials;
-    for (char c : cls.substr(cls.rfind("Torvik", 0) == 0 ? 6 : 0))
-        if (c >= 'A' && c <= 'Z') initials += c;
-    char number[16];
-    std::snprintf(number, sizeof number, "%04zu", index + 1);
-    return "SIM" + initials + number;
+// Eight characters as on a unit's label (two digits, "JA", four digits), numbered by position.
+std::string defaultSerial(std::string_view, std::size_t index) {
+    char serial[16];
+    std::snprintf(serial, sizeof serial, "99JA%04zu", (index + 1) % 10000);
+    return serial;
 }
 
 UnitConfig parseUnit(const std::string& unit_arg, std::size_t index) {

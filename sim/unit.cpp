@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <stdexcept>
 
+#include "wire/commands.hpp"
+
 namespace sim {
 
 Unit::Unit(EventLoop& loop, UnitConfig config, Clock::time_point epoch, DeviceBus* bus)
@@ -103,16 +105,18 @@ void Unit::linkReceived(Link& link, std::span<const std::uint8_t> bytes) {
         // A silent unit hears but does not act, as a hung firmware would.
         if (faults_.silent()) continue;
         if (const auto* scripted = faults_.scripted(frame.code)) {
-            if (*scripted) queueReply(link, Frame{frame.code, **scripted});
+            if (*scripted) queueReply(link, Frame{frame.code, **scripted}, false);
             continue;
         }
-        for (auto& reply : firmware_->handle(Request{frame.code, std::move(frame.payload), link.channel()}))
-            queueReply(link, std::move(reply));
+        for (auto& reply : firmware_->handle(Request{frame.code, std::move(frame.payload), link.channel()})) {
+            const bool stream = torvik::wire::isStreamingCommand(reply.code);
+            queueReply(link, std::move(reply), !stream);
+        }
     }
     if (!frames.empty()) changed();
 }
 
-void Unit::queueReply(Link& link, Frame reply) {
+void Unit::queueReply(Link& link, Frame reply, bool padded) {
     const Shaping shaping = faults_.shape(reply, firmware_->statusIndex(reply.code));
     if (shaping.drop) {
         ++counters_.dropped;
@@ -121,6 +125,13 @@ void Unit::queueReply(Link& link, Frame reply) {
     Clock::time_point due = Clock::now() + shaping.delay;
     if (!outbox_.empty()) due = std::max(due, outbox_.back().due);
     Bytes bytes = encodeUnitFrame(reply.code, reply.payload);
+    // A firmware that works with this host pads a reply the host would otherwise cut short (a
+    // start byte in the payload whose length field points at the terminator).
+    for (int pads = 0; padded && pads < 4 && !hostTakesWhole(bytes); ++pads) {
+        reply.payload.push_back(0);
+        bytes = encodeUnitFrame(reply.code, reply.payload);
+        ++counters_.padded;
+    }
     for (int i = 0; i < shaping.copies; ++i) outbox_.push_back(Pending{due, link.channel(), link.id(), bytes});
     pump();
 }

@@ -43,6 +43,7 @@ public:
         std::uint64_t replies = 0;  // frames sent as replies (a duplicate counts twice)
         std::uint64_t dropped = 0;  // replies dropped on purpose
         std::uint64_t lost = 0;     // replies whose link closed or went silent before they were due
+        std::uint64_t padded = 0;   // zero bytes added to replies the host would have cut short
     };
 
     // A USB unit plugs into `bus` at once (throws std::runtime_error without one).
@@ -87,7 +88,9 @@ private:
     void linkReceived(Link& link, std::span<const std::uint8_t> bytes) override;
     void linkClosed(Link& link) override;
 
-    void queueReply(Link& link, Frame reply);
+    // `padded`: guard a firmware reply against being cut short by the host (not scripted ones,
+    // which tests write byte for byte, nor stream data, whose producer guards it itself).
+    void queueReply(Link& link, Frame reply, bool padded);
     void pump();
     void changed() {
         if (on_change) on_change();

@@ -56,3 +56,18 @@ def test_get_usb_info_lists_the_units_and_connects_to_each():
     for line in ("Connected to 21JA1298 (Torvik-USB-Sink)", "Connected to 21JA1299 (Torvik-USB-Logic)",
                  "Closed handle (Torvik-USB-Sink)"):
         assert line in out
+
+
+@pytest.mark.parametrize("name,expect", [
+    ("DIO_loopback_port", "DO port 2 wrote [0, 0, 0, 0, 0, 0, 0, 0] | DI port 0 reads [0, 0, 0, 0, 0, 0, 0, 0]"),
+    ("get_pin_mode", "port 3: P3.0 Idle, P3.1 Idle, P3.2 Idle, P3.3 Idle"),
+])
+def test_digital_examples_on_the_usb_unit(name, expect):
+    if not sys.platform.startswith("linux"):
+        pytest.skip("USB units are emulated with umockdev, which runs on Linux only")
+    r = simctl.run_with_command([], [sys.executable, os.path.join(EXAMPLES, name + ".py"), "21JA1298"],
+                                usb=["TorvikUsbSink:21JA1298"])
+    if r.returncode == 77 and b"without USB support" in r.stderr:
+        pytest.skip("torvik-sim was built without USB support (umockdev missing at build time)")
+    out = r.stdout.decode()
+    assert r.returncode == 0 and expect in out, out + r.stderr.decode()

@@ -460,7 +460,7 @@ def test_port_in_use_fails_before_ready(loopback_addr):
 def test_control_selection_and_errors(sim, loopback_addr):
     s = sim("TorvikCore@%s:0,serial=AB12" % loopback_addr, "TorvikLanRelay@%s:0" % loopback_addr, "TorvikCoreMini")
     a, b, c = s.units
-    assert (a.serial, b.serial, c.serial) == ("AB12", "SIMLR0002", "SIMCM0003")
+    assert (a.serial, b.serial, c.serial) == ("AB12", "99JA0002", "99JA0003")
     assert s.request("units").split(";")[0] == "TorvikCore %s cmd=%d data=- serial=AB12" % (a.addr, a.cmd_port)
     s.request("drop AB12 1")
     s.request("stats %s" % c.addr)

@@ -91,6 +91,10 @@ void bindHandles(py::module_& m) {
         initBase("ETHDevice", self);
         dioInit(self, p);
     });
+    handle(m, "TorvikUsbSink", {"USBDevice", "SystemModule", "DIOModule"}, [](py::handle self, const pr::Product& p) {
+        initBase("USBDevice", self);
+        dioInit(self, p);
+    });
     PyClass lan_analog = handle(m, "TorvikLanAnalog", {"ETHDevice", "SystemModule", "NetworkModule", "AIModule"},
                                 [](py::handle self, const pr::Product& p) {
                                     initBase("ETHDevice", self);
