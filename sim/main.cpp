@@ -66,6 +66,7 @@ int run(const sim::Options& opts, const sigset_t& original_mask) {
     std::vector<std::unique_ptr<sim::Unit>> units;
     for (const auto& cfg : opts.units) {
         units.push_back(std::make_unique<sim::Unit>(loop, cfg, epoch, bus.get()));
+        if (opts.echo) units.back()->setFirmware(std::make_unique<sim::EchoFirmware>());
         try {
             units.back()->listen();
         } catch (const std::system_error& e) {

@@ -13,7 +13,7 @@ namespace sim {
 const char* const kUsage =
     "usage: torvik-sim [--unit CLASS@ADDR[:CMDPORT[:DATAPORT]][,serial=SERIAL]]...\n"
     "                  [--usb CLASS:SERIAL[,product=TEXT][,transfer=bulk|interrupt]]... [--usb-host]\n"
-    "                  [--control PATH] [-- COMMAND ARGS...]\n";
+    "                  [--control PATH] [--echo] [-- COMMAND ARGS...]\n";
 
 namespace {
 
@@ -154,6 +154,8 @@ Options parseOptions(int argc, char** argv) {
             o.units.push_back(parseUsbUnit(arg.substr(6), ++usb_units));
         else if (arg == "--usb-host")
             o.usb_host = true;
+        else if (arg == "--echo")
+            o.echo = true;
         else if (arg == "--control")
             o.control = value("--control");
         else if (arg.rfind("--control=", 0) == 0)

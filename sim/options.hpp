@@ -1,12 +1,13 @@
 // The command line:
-//   torvik-sim [--unit UNIT]... [--usb USBUNIT]... [--usb-host] [--control PATH] [-- COMMAND ARGS...]
+//   torvik-sim [--unit UNIT]... [--usb USBUNIT]... [--usb-host] [--control PATH] [--echo] [-- COMMAND ARGS...]
 //   UNIT = CLASS@ADDR[:CMDPORT[:DATAPORT]][,serial=SERIAL]
 //   USBUNIT = CLASS:SERIAL[,product=TEXT][,transfer=bulk|interrupt]
 // CLASS is a product class; ADDR a loopback IPv4 address (127.0.0.0/8); ports default to 7 and, for
 // Wi-Fi units, 1336 for the data connection; port 0 lets the system choose. USB units appear on
 // an emulated USB bus that the command's libusb sees (see usb.hpp); their product string defaults
 // to the class's label, and several may share a serial number, as on a real bus. --usb-host
-// makes the bus without units, for units added at run time through the control socket.
+// makes the bus without units, for units added at run time through the control socket. --echo
+// starts every unit with the echo firmware ([port, 0] to every request) instead of its product's.
 #pragma once
 
 #include <string>
@@ -19,6 +20,7 @@ namespace sim {
 struct Options {
     std::vector<UnitConfig> units;
     bool usb_host = false;  // an emulated USB bus even without USB units
+    bool echo = false;      // every unit answers [port, 0] instead of modelling its product
     std::string control;  // empty: a fresh path under $TMPDIR
     std::vector<std::string> command;
 };
