@@ -220,3 +220,26 @@ def test_listing_follows_hot_plug(usb_unit):
     wait_until(lambda: unit.serial not in listed_serials())
     unit.replug()
     wait_until(lambda: unit.serial in listed_serials())
+
+
+def test_the_usb_sink_handle_drives_its_ports(usb_unit):
+    unit = usb_unit("TorvikUsbSink", firmware="model")
+    dev = t.TorvikUsbSink()
+    assert t.TorvikUsbSink.__mro__[1:4] == (t.USBDevice, t.Device, t.SystemModule)
+    assert (dev.di_dict, dev.do_dict) == ({0: list(range(8)), 1: list(range(6))}, {2: list(range(8)), 3: list(range(4))})
+    dev.connect(unit.serial)
+
+    async def main():
+        assert await dev.Sys_getSerialNumber_async() == unit.serial[:8]
+        assert await dev.DO_openPort_async(2) == 0 and await dev.DI_openPort_async(0) == 0
+        assert (await dev.DO_writePort_async(2, 0b1011))[:4] == [1, 1, 0, 1]
+        assert (await dev.DI_readPort_async(0))[:4] == [1, 1, 0, 1]  # wired back by the emulator
+        unit.status(13, count=1)
+        assert await dev.DO_closePort_async(2) == -7013
+        with pytest.raises(t.DOPortNotAvaliableError):
+            await dev.DO_openPort_async(0)
+
+    try:
+        asyncio.run(main())
+    finally:
+        dev.close()
