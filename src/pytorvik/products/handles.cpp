@@ -95,6 +95,26 @@ void bindHandles(py::module_& m) {
         initBase("USBDevice", self);
         dioInit(self, p);
     });
+    PyClass usb_logic = handle(m, "TorvikUsbLogic", {"USBDevice", "SystemModule", "UARTModule", "I2CModule", "SPIModule", "DIOModule"},
+                               [](py::handle self, const pr::Product& p) {
+                                   initBase("USBDevice", self);
+                                   initBase("UARTModule", self, tableOf(p.uart));
+                                   initBase("I2CModule", self, tableOf(p.i2c));
+                                   initBase("SPIModule", self, tableOf(p.spi));
+                                   dioInit(self, p);
+                               });
+    defineClose(usb_logic, "USBDevice", {"_UART_free"});
+    PyClass usb_can = handle(m, "TorvikUsbCan",
+                             {"USBDevice", "SystemModule", "UARTModule", "I2CModule", "SPIModule", "CANModule", "DIOModule"},
+                             [](py::handle self, const pr::Product& p) {
+                                 initBase("USBDevice", self);
+                                 initBase("UARTModule", self, tableOf(p.uart));
+                                 initBase("I2CModule", self, tableOf(p.i2c));
+                                 initBase("SPIModule", self, tableOf(p.spi));
+                                 initBase("CANModule", self, tableOf(p.can));
+                                 dioInit(self, p);
+                             });
+    defineClose(usb_can, "USBDevice", {"_UART_free", "_CAN_free"});
     PyClass lan_analog = handle(m, "TorvikLanAnalog", {"ETHDevice", "SystemModule", "NetworkModule", "AIModule"},
                                 [](py::handle self, const pr::Product& p) {
                                     initBase("ETHDevice", self);
