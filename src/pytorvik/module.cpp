@@ -52,5 +52,6 @@ PYBIND11_MODULE(pytorvik, m) {
     tb::bindBusModules(m);
     tb::bindUARTModule(m);
     tb::bindCAN(m);
+    tb::bindThermalModules(m);
     tb::bindHandles(m);
 }

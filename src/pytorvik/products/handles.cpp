@@ -115,6 +115,39 @@ void bindHandles(py::module_& m) {
                                  dioInit(self, p);
                              });
     defineClose(usb_can, "USBDevice", {"_UART_free", "_CAN_free"});
+    // Both temperature classes get the same table, the thermocouple class's constructor first.
+    PyClass usb_thermo = handle(m, "TorvikUsbThermo",
+                                {"USBDevice", "SystemModule", "UARTModule", "I2CModule", "SPIModule", "ThermalModule", "ThermocoupleModule",
+                                 "DIOModule"},
+                                [](py::handle self, const pr::Product& p) {
+                                    initBase("USBDevice", self);
+                                    initBase("UARTModule", self, tableOf(p.uart));
+                                    initBase("I2CModule", self, tableOf(p.i2c));
+                                    initBase("SPIModule", self, tableOf(p.spi));
+                                    py::dict tc = tableOf(p.tc);
+                                    initBase("ThermocoupleModule", self, tc);
+                                    initBase("ThermalModule", self, tc);
+                                    dioInit(self, p);
+                                });
+    defineClose(usb_thermo, "USBDevice", {"_UART_free"});
+    PyClass usb_rtd = handle(m, "TorvikUsbRtd",
+                             {"USBDevice", "SystemModule", "UARTModule", "I2CModule", "SPIModule", "ThermalModule", "DIOModule"},
+                             [](py::handle self, const pr::Product& p) {
+                                 initBase("USBDevice", self);
+                                 initBase("UARTModule", self, tableOf(p.uart));
+                                 initBase("I2CModule", self, tableOf(p.i2c));
+                                 initBase("SPIModule", self, tableOf(p.spi));
+                                 initBase("ThermalModule", self, tableOf(p.rd));
+                                 dioInit(self, p);
+                             });
+    defineClose(usb_rtd, "USBDevice", {"_UART_free"});
+    PyClass lan_relay = handle(m, "TorvikLanRelay", {"ETHDevice", "SystemModule", "NetworkModule", "DIOModule", "RelayModule"},
+                               [](py::handle self, const pr::Product& p) {
+                                   initBase("ETHDevice", self);
+                                   dioInit(self, p);
+                                   initBase("RelayModule", self);
+                               });
+    defineClose(lan_relay, "ETHDevice", {});
     PyClass lan_analog = handle(m, "TorvikLanAnalog", {"ETHDevice", "SystemModule", "NetworkModule", "AIModule"},
                                 [](py::handle self, const pr::Product& p) {
                                     initBase("ETHDevice", self);

@@ -19,6 +19,7 @@ void bindAOModule(py::module_& m);
 void bindBusModules(py::module_& m);  // I2C and SPI
 void bindUARTModule(py::module_& m);
 void bindCAN(py::module_& m);  // CANFrame and CANModule
+void bindThermalModules(py::module_& m);  // ThermalModule, ThermocoupleModule and RelayModule
 void bindHandles(py::module_& m);
 
 // Sys_getPinModeInPort_async's body, for the pin-mode tests of other modules.
