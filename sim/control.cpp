@@ -12,6 +12,7 @@
 #include <sstream>
 #include <system_error>
 
+#include "control_analog.hpp"
 #include "control_firmware.hpp"
 #include "wire/commands.hpp"
 
@@ -321,6 +322,7 @@ std::optional<std::string> ControlServer::execute(Client* client, const std::str
     }
     if (verb == "clear") {
         faults.clear();
+        unit->sender().clearFaults();
         return "ok";
     }
     if (verb == "log") return "ok " + unit->log().json();
@@ -338,7 +340,7 @@ std::optional<std::string> ControlServer::execute(Client* client, const std::str
                 << ".open=" << (p ? p->open() : 0);
         }
         out << " frames=" << k.frames << " replies=" << k.replies << " dropped=" << k.dropped << " lost=" << k.lost
-            << " junk=" << unit->junk();
+            << " junk=" << unit->junk() << streamStats(*unit);
         return out.str();
     }
     if (verb == "wait") {
@@ -379,6 +381,7 @@ std::optional<std::string> ControlServer::execute(Client* client, const std::str
         return std::nullopt;
     }
     if (auto response = firmwareControl(*unit, w)) return *response;
+    if (auto response = analogControl(*unit, w)) return *response;
     throw BadRequest{"unknown request '" + verb + "'"};
 }
 

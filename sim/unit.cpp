@@ -11,7 +11,8 @@ Unit::Unit(EventLoop& loop, UnitConfig config, Clock::time_point epoch)
       config_(std::move(config)),
       firmware_(makeFirmware(identity())),
       log_(epoch),
-      cmd_(loop, Channel::Cmd, *this) {
+      cmd_(loop, Channel::Cmd, *this),
+      sender_(std::make_unique<StreamSender>(loop, *this)) {
     if (config_.product->link == torvik::products::Link::Wifi)
         data_ = std::make_unique<TcpPort>(loop, Channel::Data, *this);
 }
@@ -75,6 +76,7 @@ std::size_t Unit::abort(Channel channel) {
 
 void Unit::linkOpened(Link& link) {
     parsers_.try_emplace(&link);
+    sender_->poke();  // a stream may have waited for a link
     changed();
 }
 
@@ -83,8 +85,11 @@ void Unit::linkClosed(Link& link) {
         junk_of_closed_ += it->second.junk();
         parsers_.erase(it);
     }
+    sender_->linkClosed();
     changed();
 }
+
+void Unit::linkDrained(Link&) { sender_->linkDrained(); }
 
 void Unit::linkReceived(Link& link, std::span<const std::uint8_t> bytes) {
     auto frames = parsers_[&link].feed(bytes);
@@ -100,7 +105,10 @@ void Unit::linkReceived(Link& link, std::span<const std::uint8_t> bytes) {
         for (auto& reply : firmware_->handle(Request{frame.code, std::move(frame.payload), link.channel()}))
             queueReply(link, std::move(reply));
     }
-    if (!frames.empty()) changed();
+    if (!frames.empty()) {
+        sender_->poke();  // the requests may have started or stopped a stream
+        changed();
+    }
 }
 
 void Unit::queueReply(Link& link, Frame reply) {
