@@ -5,7 +5,6 @@
 
 #include <bit>
 #include <random>
-#include <sstream>
 
 #include "firmware_product.hpp"
 #include "frame.hpp"
@@ -334,27 +333,6 @@ TEST(UsbMixed, OutputsFeedTheInputsAndOwnTheirPinsWhileOpen) {
     EXPECT_FALSE(u.fw.ai().setWaveform(0, sim::Waveform::output(8)));
     EXPECT_EQ(u.ask(wire::CLOSE_AO, {0}), (Bytes{0, 0}));
     EXPECT_EQ(u.fw.modeOf({1, 4}), sim::PinMode::Idle);
-}
-
-TEST(Waveform, TextFormRoundTrips) {
-    for (std::string text : {"counter from=-3", "sine 2.5 1 40", "ramp -1 1 0.5s", "const 3.25", "raw -32768", "ao 7"}) {
-        std::vector<std::string> words;
-        std::istringstream in(text);
-        for (std::string w; in >> w;) words.push_back(w);
-        std::string why;
-        const auto w = sim::parseWaveform(words, &why);
-        ASSERT_TRUE(w) << text << ": " << why;
-        EXPECT_EQ(w->text(), text);
-    }
-    std::string why;
-    EXPECT_FALSE(sim::parseWaveform({"sine", "1", "0", "0"}, &why));
-    EXPECT_FALSE(sim::parseWaveform({"raw", "40000"}, &why));
-    EXPECT_EQ(sim::Waveform::counter(-3).counts(2, 0, 1), -1);
-    EXPECT_EQ(sim::Waveform::counter(65535).counts(2, 0, 1), 1);
-    const auto ramp = sim::Waveform{sim::Waveform::Kind::Ramp, -1, 1, 4, false, 0};
-    EXPECT_EQ(ramp.counts(1, 0, 0.5), -1);  // -0.5 V
-    EXPECT_EQ(ramp.counts(6, 0, 0.5), 0);
-    EXPECT_EQ(sim::Waveform::constant(20).counts(0, 0, 0.00030517578125), 32767);
 }
 
 }  // namespace
