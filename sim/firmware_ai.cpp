@@ -238,14 +238,27 @@ AnalogInput::TimePoint AnalogInput::nextFrameDue() const {
     return anchor_ + std::chrono::duration_cast<TimePoint::duration>(std::chrono::duration<double>((paced_ + 1) / double(rate_)));
 }
 
-AnalogInput::Emitted AnalogInput::emit(std::size_t max, bool guard) { return build(std::min(max, buffered()), 0, guard); }
+AnalogInput::Emitted AnalogInput::emit(std::size_t max, bool guard) {
+    // A shorter payload moves the terminator that a false frame ending there needs, and no
+    // sample changes: better than a counter that no longer counts.
+    for (std::size_t n = std::min(max, buffered());; --n) {
+        bool shorter = false;
+        Emitted e = build(n, 0, guard, n > 1 ? &shorter : nullptr);
+        if (!shorter) {
+            emitted_ += n;
+            return e;
+        }
+    }
+}
 
 AnalogInput::Emitted AnalogInput::emitTorn(std::size_t extra, bool guard) {
     overdrive(1);
-    return build(1, extra, guard);
+    Emitted e = build(1, extra, guard, nullptr);
+    emitted_ += 1;
+    return e;
 }
 
-AnalogInput::Emitted AnalogInput::build(std::size_t frames, std::size_t extra, bool guard) {
+AnalogInput::Emitted AnalogInput::build(std::size_t frames, std::size_t extra, bool guard, bool* shorter) {
     Emitted e;
     e.frames = frames;
     const std::size_t sample_bytes = frames * static_cast<std::size_t>(channels_) * 2 + extra;
@@ -259,26 +272,31 @@ AnalogInput::Emitted AnalogInput::build(std::size_t frames, std::size_t extra, b
         for (int ch = 0; ch < channels_; ++ch) putU16(payload, static_cast<std::uint16_t>(sample(ch, n, t)));
     }
     payload.insert(payload.end(), extra, std::uint8_t{0x55});
-    emitted_ += frames;
     e.bytes = encodeUnitFrame(streamCode(), payload);
-    if (guard) e.nudges = nudgeAway(e.bytes, kSamplesFrom, sample_bytes, &e.clean);
+    if (guard) e.nudges = nudgeAway(e.bytes, kSamplesFrom, sample_bytes, shorter, &e.clean);
     return e;
 }
 
-unsigned AnalogInput::nudgeAway(Bytes& frame, std::size_t from, std::size_t sample_bytes, bool* clean) const {
+unsigned AnalogInput::nudgeAway(Bytes& frame, std::size_t from, std::size_t sample_bytes, bool* shorter,
+                                bool* clean) const {
     unsigned nudges = 0;
     const std::size_t whole = sample_bytes / 2;  // samples; a torn tail byte is never nudged
     for (int tries = 0; tries < kMaxNudges; ++tries) {
         const auto hit = findFalseFrame(frame);
         if (!hit) return nudges;
-        // The bytes that make the false frame: its start, its terminator, its length.
+        // The bytes that make the false frame: its start, its terminator, its length. A nudge by
+        // one count changes a sample's low byte (its high byte only on a carry), so only a sample
+        // whose low byte is one of them can break the match.
         const std::size_t at[] = {hit->start, hit->terminator, hit->terminator + 1, hit->start + 1, hit->start + 2};
+        auto matters = [&](std::size_t pos) { return std::find(std::begin(at), std::end(at), pos) != std::end(at); };
         std::optional<std::size_t> pick;
+        bool counter = false;
         for (bool counters_too : {false, true}) {
             for (std::size_t pos : at) {
                 if (pos < from || (pos - from) / 2 >= whole) continue;
                 const std::size_t s = (pos - from) / 2;
-                const bool counter = waves_[s % static_cast<std::size_t>(channels_)].kind == Waveform::Kind::Counter;
+                if (!matters(from + 2 * s + 1)) continue;
+                counter = waves_[s % static_cast<std::size_t>(channels_)].kind == Waveform::Kind::Counter;
                 if (counter && !counters_too) continue;
                 pick = s;
                 break;
@@ -286,6 +304,10 @@ unsigned AnalogInput::nudgeAway(Bytes& frame, std::size_t from, std::size_t samp
             if (pick) break;
         }
         if (!pick) break;
+        if (counter && shorter && hit->terminator + 2 == frame.size()) {
+            *shorter = true;
+            return nudges;
+        }
         const std::size_t off = from + 2 * *pick;
         auto v = static_cast<std::int16_t>(frame[off] << 8 | frame[off + 1]);
         v = v == 32767 ? std::int16_t{32766} : static_cast<std::int16_t>(v + 1);

@@ -87,7 +87,8 @@ public:
     TimePoint nextFrameDue() const;
     std::size_t buffered() const { return static_cast<std::size_t>(acquired_ - emitted_); }
     // Up to `max` buffered frames as one stream frame; with `guard`, samples that would make
-    // the host see a false frame are nudged by one count (channels that are no counter first).
+    // the host see a false frame are nudged by one count, channels that are no counter first;
+    // where only a counter could be nudged, the payload ends a frame earlier if that helps.
     Emitted emit(std::size_t max, bool guard);
     // One frame followed by `extra` bytes that make no frame: a payload of the wrong length.
     Emitted emitTorn(std::size_t extra, bool guard);
@@ -115,8 +116,12 @@ public:
 
 private:
     void take(std::uint64_t frames);
-    Emitted build(std::size_t frames, std::size_t extra, bool guard);
-    unsigned nudgeAway(Bytes& frame, std::size_t samples_from, std::size_t sample_bytes, bool* clean) const;
+    // The next `frames` buffered frames (and `extra` bytes) as a stream frame; the buffer is left
+    // as it is. With `shorter` given, a false frame that only a counter could break and that ends
+    // at the frame's own terminator sets it instead of nudging the counter.
+    Emitted build(std::size_t frames, std::size_t extra, bool guard, bool* shorter);
+    unsigned nudgeAway(Bytes& frame, std::size_t samples_from, std::size_t sample_bytes, bool* shorter,
+                       bool* clean) const;
     std::int16_t sample(int channel, std::uint64_t n, double t) const;
 
     const torvik::products::Product& product_;

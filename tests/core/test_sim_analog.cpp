@@ -225,12 +225,31 @@ TEST(AnalogInput, GuardNudgesANonCounterSampleOfAFalseFrame) {
     const auto c = countsOf(Bytes(e.bytes.begin() + 6, e.bytes.end() - 2), 0);
     EXPECT_EQ((std::vector<std::int16_t>(c.end() - 8, c.end())), (std::vector<std::int16_t>{5, c[17], c[18], c[19], c[20], c[21], 3, 0}));
     EXPECT_EQ(c[14], 2);  // only the last frame was at fault
-    // With only counters to choose from, a counter is nudged.
-    for (int ch = 0; ch < 8; ++ch) ai.setWaveform(ch, sim::Waveform::counter(ch == 6 ? 2 - 6 : ch == 7 ? -6 : 0));
+}
+
+TEST(AnalogInput, GuardEndsAPayloadEarlierRatherThanNudgeACounter) {
+    Unit u("TorvikLanAnalog");
+    sim::AnalogInput& ai = u.fw.ai();
+    // Frame 2 ends in 02 00 01 05 0D 0A (channel 6 counting 0x0200, channel 7 at 0x0105): only the
+    // counter's low byte could break that, and the frame need not end the payload.
+    for (int ch = 0; ch < 6; ++ch) ai.setWaveform(ch, sim::Waveform::raw(0));
+    ai.setWaveform(6, sim::Waveform::counter(0x200 - 2));
+    ai.setWaveform(7, sim::Waveform::raw(0x105));
+    ai.overdrive(3);
+    auto e = ai.emit(3, true);
+    EXPECT_EQ(e.frames, 2u);
+    EXPECT_EQ(e.nudges, 0u);
+    ai.overdrive(2);
+    e = ai.emit(3, true);
+    EXPECT_EQ(e.frames, 3u);
+    EXPECT_TRUE(e.clean && e.nudges == 0);
+    EXPECT_EQ(countsOf(e.bytes, 6)[6], 0x200);
+    // Alone in its payload, it has to be nudged after all.
+    ai.setWaveform(6, sim::Waveform::counter(0x200 - 5));
     ai.overdrive(1);
     e = ai.emit(1, true);
-    EXPECT_TRUE(e.clean);
-    EXPECT_GE(e.nudges, 1u);
+    EXPECT_TRUE(e.clean && e.nudges == 1);
+    EXPECT_EQ(countsOf(e.bytes, 6)[6], 0x201);
 }
 
 TEST(AnalogInput, ATornPayloadIsNoWholeNumberOfFrames) {
