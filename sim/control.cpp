@@ -12,6 +12,7 @@
 #include <sstream>
 #include <system_error>
 
+#include "control_analog.hpp"
 #include "control_firmware.hpp"
 #include "options.hpp"
 #include "wire/commands.hpp"
@@ -368,6 +369,7 @@ std::optional<std::string> ControlServer::execute(Client* client, const std::str
     }
     if (verb == "clear") {
         faults.clear();
+        unit->sender().clearFaults();
         return "ok";
     }
     if (verb == "log") return "ok " + unit->log().json();
@@ -401,7 +403,7 @@ std::optional<std::string> ControlServer::execute(Client* client, const std::str
                 << ".open=" << (p ? p->open() : 0);
         }
         out << " frames=" << k.frames << " replies=" << k.replies << " dropped=" << k.dropped << " lost=" << k.lost << " padded=" << k.padded
-            << " junk=" << unit->junk() << unit->transport(Channel::Cmd)->statsFields();
+            << " junk=" << unit->junk() << unit->transport(Channel::Cmd)->statsFields() << streamStats(*unit);
         return out.str();
     }
     if (verb == "wait") {
@@ -442,6 +444,7 @@ std::optional<std::string> ControlServer::execute(Client* client, const std::str
         return std::nullopt;
     }
     if (auto response = firmwareControl(*unit, w)) return *response;
+    if (auto response = analogControl(*unit, w)) return *response;
     throw BadRequest{"unknown request '" + verb + "'"};
 }
 

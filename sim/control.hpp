@@ -27,7 +27,8 @@
 //   reset SEL [CHAN|both]              RST on every link of CHAN
 //   silent SEL                         hear requests (they are logged) but do not act or answer
 //   resume SEL                         act and answer again
-//   clear SEL                          every fault and scripted reply off (the log stays)
+//   clear SEL                          every fault and scripted reply off, stream faults included
+//                                         (the log stays)
 //   log SEL                            ok [{"t":S,"conn":"cmd","link":N,"code":N,"data":"HEX"},...]
 //   clearlog SEL                       empty the traffic log
 //   stats SEL                          ok cmd.accepted=N cmd.open=N data.accepted=N data.open=N
@@ -43,6 +44,10 @@
 //   unplug SEL                         off the bus: the host's pending and later I/O fails
 //   replug SEL                         back on the bus, at a new address, with the same faults
 //   transfers SEL                      ok HEX HEX ...   the host's OUT transfers as they arrived
+//                                         stream.frames=N stream.payloads=N stream.nudges=N
+//                                         stream.unclean=N  (analog input frames and payloads
+//                                         sent, samples nudged against false frames, payloads
+//                                         sent with one all the same)
 //   wait SEL open [CHAN] [timeout=S]           a link of CHAN is open (connected or half-closed)
 //   wait SEL closed [CHAN] [timeout=S]         no link of CHAN is open
 //   wait SEL accepted N [CHAN] [timeout=S]     N links of CHAN have been accepted in all
@@ -68,6 +73,39 @@
 //   sensors SEL [rssi=DBM] [battery=N] [thermo=N] [accel=X,Y,Z]
 //                                      set on-board sensor readings (Wi-Fi units; thermo in
 //                                         1/128 degrees C); ok rssi=.. battery=.. thermo=.. accel=..
+//
+// Analog input and output (firmware_ai.hpp, firmware_ao.hpp, stream_sender.hpp). CH is a channel
+// of the input, from 0. The stream goes on the data connection of a Wi-Fi unit, else on the
+// command connection:
+//   wave SEL                           ok 0:KIND ARGS;1:KIND ARGS;...  each channel's waveform
+//   wave SEL default                   every channel back to its default: channel 0 a counter from
+//                                         0, channel k a sine of half full scale and a period of
+//                                         20 x 2^k samples; on a unit with analog outputs
+//                                         (TorvikUsbMixed) channel k reads output channel k
+//   wave SEL CH counter [from=N]       counts N + frame index (mod 65536, read as signed)
+//   wave SEL CH sine A O P             volts O + A sin(2 pi x / P)
+//   wave SEL CH ramp LOW HIGH P        sawtooth from LOW to HIGH over P
+//   wave SEL CH const V                volts V
+//   wave SEL CH raw N                  counts N exactly (-32768..32767)
+//   wave SEL CH ao K                   what output channel K of this unit puts out now (the wire
+//                                         from an output to an input)
+//                                      P: samples ("40", x is the frame index) or seconds ("0.5s",
+//                                         x is the sample's time); volts become counts at the
+//                                         product's volts per count, rounded, held to 16 bits
+//   pace SEL realtime|fast [frames=N]  at the configured rate (default), or as fast as the link
+//                                         takes it, N frames a payload (default 600)
+//   burst SEL N                        N more frames as fast as the link takes them, whatever
+//                                         the rate, mode or state (overdrives the host)
+//   badlength SEL [K]                  one payload of one frame and K more bytes (default 1)
+//   stall SEL on|off                   the stream stops leaving while the acquisition runs on (its
+//                                         buffer fills and overflows); off: it leaves again
+//   guard SEL on|off                   nudge samples that would make a false frame (default on)
+//   ai SEL                             ok open= mode= rate= samples= running= port= code= conn=
+//                                         index= buffered= lost= empty= full= max= pace= frames=
+//                                         stall= guard= burst=   (index: frames taken so far)
+//   ao SEL                             ok open= running= mode= rate= samples= enabled=0xHH
+//                                         values=V,...  forms=F,... amplitudes=A,... offsets=O,...
+//                                         periods=P,...   (values: what the outputs put out now)
 //
 // Counters in "next=N", drop and dup count replies on their way out; a dropped reply is not counted
 // by the others. Setting one again replaces its count.

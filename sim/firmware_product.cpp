@@ -18,21 +18,30 @@ bool isAssigned(std::uint16_t code) {
 
 ProductFirmware::ProductFirmware(const UnitIdentity& identity, UnitClock::Now now)
     : product_(*identity.product),
-      system_(product_, identity.serial, std::move(now)),
+      system_(product_, identity.serial, now),
       network_(identity.ipv4, identity.serial),
       pins_(product_),
-      dio_(product_, pins_) {}
+      dio_(product_, pins_),
+      ao_(product_, now),
+      ai_(product_, std::move(now), &ao_) {}
 
 std::size_t ProductFirmware::statusIndex(std::uint16_t code) const {
     if (code == wire::GET_PIN_MODE_OF_SLOT) return 1;
     if (SystemServices::isSystemCode(code) || NetworkSettings::isNetworkCode(code) || code == wire::REBOOT ||
         code == wire::REBOOT_ON_BOOTLOADER || code == wire::RESET_FACTORY)
         return 0;
+    if (code == wire::SET_AO_FORM || code == wire::SET_AO_FORM_PARAM) return 3;
     return 1;
 }
 
 std::vector<Frame> ProductFirmware::handle(const Request& request) {
-    if (wire::isStreamingCommand(request.code) || wire::isBroadcastCommand(request.code)) return {};
+    if (wire::isStreamingCommand(request.code)) {
+        // Not answered; the analog ones start what they start.
+        if (AnalogInput::isAiCode(request.code) && ai_.present()) ai_.handle(request.code, request.payload);
+        if (AnalogOutput::isAoCode(request.code) && ao_.present()) ao_.handle(request.code, request.payload);
+        return {};
+    }
+    if (wire::isBroadcastCommand(request.code)) return {};
     return {Frame{request.code, answer(request.code, request.payload)}};
 }
 
@@ -49,9 +58,36 @@ Bytes ProductFirmware::answer(std::uint16_t code, const Bytes& in) {
     if (NetworkSettings::isNetworkCode(code)) return hasNetwork() ? network_.handle(code, in) : unknown;
     if (WifiRadio::isWifiCode(code)) return hasWifi() ? wifi_.handle(code, in) : unknown;
     if (DigitalIo::isDioCode(code)) return dio_.present() ? dio_.handle(code, in) : unknown;
+    if (AnalogInput::isAiCode(code)) return ai_.present() ? analogInput(code, in) : unknown;
+    if (AnalogOutput::isAoCode(code)) return ao_.present() ? analogOutput(code, in) : unknown;
     // Modules still to be modelled acknowledge as the echo firmware does.
     if (isAssigned(code)) return portStatus(portOf(in), kOk);
     return unknown;
+}
+
+bool ProductFirmware::takeAnalogPins(const std::vector<PinRef>& pins) {
+    for (PinRef p : pins) {
+        const PinMode m = modeOf(p);
+        if (m != PinMode::Idle && m != PinMode::ADC) return false;
+    }
+    for (PinRef p : pins) setPinMode(p, PinMode::ADC);
+    return true;
+}
+
+Bytes ProductFirmware::analogInput(std::uint16_t code, const Bytes& in) {
+    if (code == wire::OPEN_AI && in.size() == 1 && ai_.isPort(in[0]) && !takeAnalogPins(ai_.pins(in[0])))
+        return portStatus(in[0], kAiError);
+    // The input's pins are analog pins from the start: closing leaves them so.
+    return *ai_.handle(code, in);
+}
+
+Bytes ProductFirmware::analogOutput(std::uint16_t code, const Bytes& in) {
+    if (code == wire::OPEN_AO && in.size() == 1 && ao_.isPort(in[0]) && !takeAnalogPins(ao_.pins(in[0])))
+        return portStatus(in[0], kAoError);
+    Bytes out = *ao_.handle(code, in);
+    if (code == wire::CLOSE_AO && out.size() == 2 && out[1] == kOk)
+        for (PinRef p : ao_.pins(in[0])) setPinMode(p, PinMode::Idle);
+    return out;
 }
 
 PinMode ProductFirmware::modeOf(PinRef p) const {
@@ -95,6 +131,8 @@ bool ProductFirmware::setPinMode(PinRef p, PinMode mode) {
 void ProductFirmware::reboot() {
     pins_.restart();
     dio_.reboot();
+    ao_.reset();
+    ai_.reset();
 }
 
 void ProductFirmware::factoryReset() {

@@ -10,14 +10,20 @@
 //   - RESET_FACTORY: [0]; settings, EEPROM and start-up values back to the factory's, then a
 //     restart. Serial number and clock stay;
 //   - Wi-Fi, sensor and digital codes: [port, ...], status at index 1;
-//   - codes of the modules not modelled yet (analog, buses, thermal, relay): [port, 0];
-//   - codes that start a stream, and discovery codes: no reply;
+//   - analog input and output codes (firmware_ai.hpp, firmware_ao.hpp): [port, ...]; opening an
+//     analog port takes its pins into ADC mode (refused while another function or digital I/O
+//     holds one), closing the output frees them again;
+//   - codes of the modules not modelled yet (buses, thermal, relay): [port, 0];
+//   - codes that start a stream, and discovery codes: no reply (the analog ones start what they
+//     start);
 //   - codes of a module the product lacks, and unassigned codes: [port, 23].
 #pragma once
 
 #include <chrono>
 
 #include "firmware.hpp"
+#include "firmware_ai.hpp"
+#include "firmware_ao.hpp"
 #include "firmware_dio.hpp"
 #include "firmware_network.hpp"
 #include "firmware_pins.hpp"
@@ -41,6 +47,8 @@ public:
     bool hasNetwork() const { return product_.link != torvik::products::Link::Usb; }
     bool hasWifi() const { return product_.link == torvik::products::Link::Wifi; }
     WifiRadio& wifi() { return wifi_; }
+    AnalogInput& ai() { return ai_; }
+    AnalogOutput& ao() { return ao_; }
 
     // The mode GET_PIN_MODE_OF_SLOT reports for a pin.
     PinMode modeOf(PinRef p) const;
@@ -55,6 +63,11 @@ public:
 private:
     Bytes answer(std::uint16_t code, const Bytes& payload);
     Bytes pinModes(std::uint8_t port) const;
+    Bytes analogInput(std::uint16_t code, const Bytes& payload);
+    Bytes analogOutput(std::uint16_t code, const Bytes& payload);
+    // Takes the pins into ADC mode; false, and nothing changes, if another function or digital
+    // I/O holds one of them.
+    bool takeAnalogPins(const std::vector<PinRef>& pins);
 
     const torvik::products::Product& product_;
     SystemServices system_;
@@ -62,6 +75,8 @@ private:
     WifiRadio wifi_;
     PinBoard pins_;
     DigitalIo dio_;
+    AnalogOutput ao_;
+    AnalogInput ai_;  // after ao_, which it may read
 };
 
 }  // namespace sim

@@ -3,6 +3,7 @@
 // Transports call LinkEvents; the unit answers through Link. All on the event loop's thread.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <span>
 #include <string_view>
@@ -25,6 +26,8 @@ public:
     virtual bool writable() const = 0;
     // Queues bytes, in order, without blocking.
     virtual void send(std::span<const std::uint8_t> bytes) = 0;
+    // Bytes queued that the host has not taken yet; a stream waits for 0 before it sends more.
+    virtual std::size_t backlog() const { return 0; }
     // Ends what the unit sends once the queue is out (a FIN); the host's bytes are still read.
     virtual void finish() = 0;
     // Drops the link at once, queued bytes included (a RST); linkClosed follows.
@@ -38,6 +41,8 @@ public:
     virtual void linkReceived(Link& link, std::span<const std::uint8_t> bytes) = 0;
     // The link is gone (host closed, reset, or abort()); it is destroyed after this round.
     virtual void linkClosed(Link& link) = 0;
+    // The link's backlog went down to 0 (it had grown above it).
+    virtual void linkDrained(Link& /*link*/) {}
 };
 
 }  // namespace sim

@@ -66,7 +66,12 @@ void TcpConnection::updateInterest() {
 }
 
 void TcpConnection::onEvents(std::uint32_t events) {
-    if (events & EPOLLOUT) flush();
+    if (events & EPOLLOUT) {
+        const bool backlogged = !out_.empty();
+        flush();
+        if (fd_ < 0) return;
+        if (backlogged && out_.empty()) port_.events_.linkDrained(*this);
+    }
     if (fd_ < 0) return;
     if (events & (EPOLLIN | EPOLLHUP | EPOLLERR)) {
         std::uint8_t buf[65536];

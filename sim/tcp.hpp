@@ -27,6 +27,7 @@ public:
     Channel channel() const override;
     bool writable() const override { return fd_ >= 0 && !finishing_; }
     void send(std::span<const std::uint8_t> bytes) override;
+    std::size_t backlog() const override { return out_.size(); }
     void finish() override;
     void abort() override;
 

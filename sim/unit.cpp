@@ -10,7 +10,8 @@
 namespace sim {
 
 Unit::Unit(EventLoop& loop, UnitConfig config, Clock::time_point epoch, DeviceBus* bus)
-    : loop_(loop), config_(std::move(config)), firmware_(makeFirmware(identity())), log_(epoch) {
+    : loop_(loop), config_(std::move(config)), firmware_(makeFirmware(identity())), log_(epoch),
+      sender_(std::make_unique<StreamSender>(loop, *this)) {
     if (config_.usb) {
         if (!bus) throw std::runtime_error("no USB bus for " + config_.addr_text);
         usb_ = bus->plug(*this, config_.usb_device);
@@ -86,6 +87,7 @@ std::size_t Unit::abort(Channel channel) {
 
 void Unit::linkOpened(Link& link) {
     parsers_.try_emplace(&link);
+    sender_->poke();  // a stream may have waited for a link
     changed();
 }
 
@@ -94,8 +96,11 @@ void Unit::linkClosed(Link& link) {
         junk_of_closed_ += it->second.junk();
         parsers_.erase(it);
     }
+    sender_->linkClosed();
     changed();
 }
+
+void Unit::linkDrained(Link&) { sender_->linkDrained(); }
 
 void Unit::linkReceived(Link& link, std::span<const std::uint8_t> bytes) {
     auto frames = parsers_[&link].feed(bytes);
@@ -113,7 +118,10 @@ void Unit::linkReceived(Link& link, std::span<const std::uint8_t> bytes) {
             queueReply(link, std::move(reply), !stream);
         }
     }
-    if (!frames.empty()) changed();
+    if (!frames.empty()) {
+        sender_->poke();  // the requests may have started or stopped a stream
+        changed();
+    }
 }
 
 void Unit::queueReply(Link& link, Frame reply, bool padded) {

@@ -18,6 +18,7 @@
 #include "firmware.hpp"
 #include "frame.hpp"
 #include "link.hpp"
+#include "stream_sender.hpp"
 #include "tcp.hpp"
 #include "transport.hpp"
 #include "traffic_log.hpp"
@@ -68,6 +69,8 @@ public:
     UnitIdentity identity() const;
     void setFirmware(std::unique_ptr<Firmware> firmware) { firmware_ = std::move(firmware); }
     TrafficLog& log() { return log_; }
+    // What sends the analog input stream of the firmware.
+    StreamSender& sender() { return *sender_; }
     const Counters& counters() const { return counters_; }
     std::size_t junk() const;
 
@@ -87,6 +90,7 @@ private:
     void linkOpened(Link& link) override;
     void linkReceived(Link& link, std::span<const std::uint8_t> bytes) override;
     void linkClosed(Link& link) override;
+    void linkDrained(Link& link) override;
 
     // `padded`: guard a firmware reply against being cut short by the host (not scripted ones,
     // which tests write byte for byte, nor stream data, whose producer guards it itself).
@@ -117,6 +121,7 @@ private:
     std::size_t junk_of_closed_ = 0;
     std::deque<Pending> outbox_;  // due times never decrease along the queue
     EventLoop::TimerId outbox_timer_ = 0;
+    std::unique_ptr<StreamSender> sender_;  // last: it goes first, with its timer
 };
 
 }  // namespace sim

@@ -214,7 +214,8 @@ class Unit:
         self._do("resume")
 
     def clear_faults(self):
-        """Every fault and scripted reply off; the log stays."""
+        """Every fault and scripted reply off (a stalled stream resumes, a pending burst is
+        dropped); the log stays."""
         self._do("clear")
 
     # Unsolicited bytes --------------------------------------------------------------------------
@@ -238,7 +239,8 @@ class Unit:
 
     def stats(self):
         """Counters as a dict: cmd.accepted, cmd.open, data.accepted, data.open, frames, replies,
-        dropped, lost, junk (all ints)."""
+        dropped, lost, junk, and of the analog input stream stream.frames, stream.payloads,
+        stream.nudges, stream.unclean (all ints)."""
         fields = self._do("stats").split()
         return {k: int(v) for k, v in (f.split("=", 1) for f in fields)}
 
@@ -361,6 +363,70 @@ class Unit:
             args.append("accel=%d,%d,%d" % tuple(accel))
         fields = dict(f.split("=", 1) for f in self._do("sensors", *args).split())
         return {k: tuple(map(int, v.split(","))) if k == "accel" else int(v) for k, v in fields.items()}
+
+    # Analog input and output --------------------------------------------------------------------
+    def waveforms(self):
+        """Each input channel's waveform in its text form, e.g. ["counter from=0", "sine 5 0 40", ...]."""
+        return [item.split(":", 1)[1] for item in self._do("wave").split(";")]
+
+    def set_waveform(self, channel, kind, *args):
+        """What input channel `channel` measures: set_waveform(0, "counter"), ("sine", A, O, P),
+        ("ramp", LOW, HIGH, P), ("const", V), ("raw", COUNTS), ("ao", K). P in samples, or seconds
+        as a string "0.5s"; volts in V. See sim/waveform.hpp."""
+        self._do("wave", int(channel), kind, *args)
+
+    def default_waveforms(self):
+        """Channel 0 a counter, channel k a sine of period 20 * 2**k samples (or, on a unit with
+        analog outputs, channel k reads output channel k)."""
+        self._do("wave", "default")
+
+    def wire_output(self, ai_channel, ao_channel):
+        """Input channel `ai_channel` reads what output channel `ao_channel` of the same unit puts out."""
+        self.set_waveform(ai_channel, "ao", int(ao_channel))
+
+    def set_pace(self, pace, frames=None):
+        """"realtime" (at the configured rate) or "fast" (as fast as the link takes it); `frames`
+        per payload (default 600)."""
+        self._do("pace", pace, *(["frames=%d" % frames] if frames else []))
+
+    def burst(self, frames):
+        """Send `frames` more stream frames as fast as the link takes them, whatever the rate."""
+        self._do("burst", int(frames))
+
+    def bad_length(self, extra=1):
+        """Send one stream payload of one frame and `extra` bytes more: no whole number of frames."""
+        self._do("badlength", int(extra))
+
+    def stall(self, on=True):
+        """Stop (or, on=False, resume) sending the stream; the acquisition runs on into the unit's
+        buffer, which overflows after 8192 frames (see ai_state and CHECK_BUFFER_STATUS)."""
+        self._do("stall", "on" if on else "off")
+
+    def guard(self, on=True):
+        """Nudge samples that would make the host see a false frame (the default), or not."""
+        self._do("guard", "on" if on else "off")
+
+    def ai_state(self):
+        """The analog input as a dict: open, mode, rate (float), samples, running, port, code, conn
+        (str), index (frames taken), buffered, lost, empty, full, max, pace (str), frames, stall,
+        guard, burst."""
+        out = {}
+        for k, v in (f.split("=", 1) for f in self._do("ai").split()):
+            out[k] = v if k in ("conn", "pace") else float(v) if k == "rate" else int(v)
+        return out
+
+    def ao_state(self):
+        """The analog output as a dict: open, running, mode, samples, enabled (ints), rate (float),
+        values, amplitudes, offsets, periods (8 floats each; values as put out now), forms (8 ints)."""
+        out = {}
+        for k, v in (f.split("=", 1) for f in self._do("ao").split()):
+            if k in ("values", "amplitudes", "offsets", "periods"):
+                out[k] = [float(x) for x in v.split(",")]
+            elif k == "forms":
+                out[k] = [int(x) for x in v.split(",")]
+            else:
+                out[k] = float(v) if k == "rate" else int(v, 0)
+        return out
 
 
 class Sim:

@@ -231,7 +231,7 @@ def test_wifi_settings_stored_and_sensors_steered(air):
     ("TorvikLanAnalog", SET_SLOT_IDLE, [0, 0], [0, 23]),
     ("TorvikLanLogic", 0x60, [4], [4, 23]),                 # unassigned
     ("TorvikLanLogic", 0x1B01, [], [0, 23]),
-    ("TorvikLanLogic", OPEN_AI, [0], [0, 0]),               # modules still to come acknowledge
+    ("TorvikLanLogic", OPEN_AI, [0], [0, 23]),              # no analog input
     ("TorvikLanLogic", RELAY_READ, [2], [2, 0]),
     ("TorvikLanLogic", REBOOT, [], [0]),
     ("TorvikLanLogic", REBOOT_ON_BOOTLOADER, [], [0]),
