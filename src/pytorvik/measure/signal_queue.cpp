@@ -96,8 +96,32 @@ void putOne(const SignalQueue& q, py::handle obj, bool block, py::handle timeout
 
 }  // namespace
 
+// Holds the cyclic collector off while a batch of values is made: collections triggered by a
+// million new lists would walk the growing batch again and again. It runs as usual afterwards.
+class CollectorPause {
+public:
+#if PY_VERSION_HEX >= 0x030A0000
+    CollectorPause() : was_enabled_(PyGC_Disable() == 1) {}
+    ~CollectorPause() {
+        if (was_enabled_) PyGC_Enable();
+    }
+#else
+    CollectorPause() : gc_(py::module_::import("gc")), was_enabled_(gc_.attr("isenabled")().cast<bool>()) { gc_.attr("disable")(); }
+    ~CollectorPause() {
+        if (was_enabled_) gc_.attr("enable")();
+    }
+
+private:
+    py::module_ gc_;
+#endif
+
+private:
+    bool was_enabled_;
+};
+
 py::list takeDecoded(const SignalQueue& q, std::size_t n) {
     py::list out;
+    CollectorPause pause;
     q.queue->take(
         n, [&](const std::uint8_t* records, std::size_t count) { q.decoder->decodeRun(records, count, out); },
         [&](device::StreamItem&& other) { out.append(streamItemToPython(std::move(other))); });
