@@ -36,6 +36,20 @@ def test_digital_examples_on_the_lan_unit(name, expect):
     assert out.startswith("Opened handle (Torvik-LAN-Logic)\n") and out.endswith("Closed handle (Torvik-LAN-Logic)\n")
 
 
+@pytest.mark.parametrize("name,unit_class,expect", [
+    ("AI_on_demand_once", "TorvikLanAnalog", ["open: 0", "volts: [", "close: 0"]),
+    ("AI_on_demand_in_loop", "TorvikLanAnalog", ["read 9: ["]),
+    ("AI_N_samples_once", "TorvikLanAnalog", ["1000 frames at 10000 Hz"]),
+    ("AI_N_samples_in_loop", "TorvikLanAnalog", ["round 2: 500 frames"]),
+    ("AI_continuous", "TorvikLanAnalog", [" frames in 2 s at 2000 Hz"]),
+    ("AO_write_one_channel", "TorvikLanOutput", ["outputs: [10.0, 0.0"]),
+    ("AO_write_all_channels", "TorvikLanOutput", ["outputs: [1.25, -1.25, 0.0"]),
+    ("AO_waveform_gen", "TorvikLanOutput", ["generator (mode, rate):", "stop: 0"]),
+])
+def test_analog_examples_on_the_lan_units(name, unit_class, expect):
+    run_example(name, unit_class, *expect)
+
+
 def test_quickstart_runs_without_a_unit():
     r = subprocess.run([sys.executable, os.path.join(EXAMPLES, "quickstart.py")], capture_output=True, timeout=30)
     assert r.returncode == 0 and b"packet cmd=0xF0 data=[0]" in r.stdout
