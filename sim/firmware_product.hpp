@@ -13,7 +13,10 @@
 //   - analog input and output codes (firmware_ai.hpp, firmware_ao.hpp): [port, ...]; opening an
 //     analog port takes its pins into ADC mode (refused while another function or digital I/O
 //     holds one), closing the output frees them again;
-//   - codes of the modules not modelled yet (buses, thermal, relay): [port, 0];
+//   - bus codes (firmware_uart.hpp, firmware_i2c.hpp, firmware_spi.hpp): opening a bus port
+//     takes its pins into the bus's mode (refused with the bus's status while another function
+//     holds one), closing it frees them;
+//   - codes of the modules not modelled yet (thermal, relay): [port, 0];
 //   - codes that start a stream, and discovery codes: no reply (the analog ones start what they
 //     start);
 //   - codes of a module the product lacks, and unassigned codes: [port, 23].
@@ -25,9 +28,12 @@
 #include "firmware_ai.hpp"
 #include "firmware_ao.hpp"
 #include "firmware_dio.hpp"
+#include "firmware_i2c.hpp"
 #include "firmware_network.hpp"
 #include "firmware_pins.hpp"
+#include "firmware_spi.hpp"
 #include "firmware_system.hpp"
+#include "firmware_uart.hpp"
 #include "firmware_wifi.hpp"
 
 namespace sim {
@@ -49,6 +55,9 @@ public:
     WifiRadio& wifi() { return wifi_; }
     AnalogInput& ai() { return ai_; }
     AnalogOutput& ao() { return ao_; }
+    Uart& uart() { return uart_; }
+    I2c& i2c() { return i2c_; }
+    Spi& spi() { return spi_; }
 
     // The mode GET_PIN_MODE_OF_SLOT reports for a pin.
     PinMode modeOf(PinRef p) const;
@@ -68,6 +77,11 @@ private:
     // Takes the pins into ADC mode; false, and nothing changes, if another function or digital
     // I/O holds one of them.
     bool takeAnalogPins(const std::vector<PinRef>& pins);
+    // A bus port's open and close move its pins: opening takes them into `mode` unless the port
+    // is open already; false, and nothing changes, if another function holds one of them.
+    template <class Bus>
+    Bytes bus(Bus& model, PinMode mode, std::uint16_t open, std::uint16_t close, std::uint8_t refusal,
+              std::uint16_t code, const Bytes& payload);
 
     const torvik::products::Product& product_;
     SystemServices system_;
@@ -77,6 +91,10 @@ private:
     DigitalIo dio_;
     AnalogOutput ao_;
     AnalogInput ai_;  // after ao_, which it may read
+    UnitClock::Now now_;
+    Uart uart_;
+    I2c i2c_;
+    Spi spi_;
 };
 
 }  // namespace sim
