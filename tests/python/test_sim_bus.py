@@ -211,6 +211,21 @@ def test_uart_stream_with_false_frames_arrives_whole(lan):
     assert unit.uart_state(1)["shortened"] > 0
 
 
+def test_uart_read_takes_an_overridden_pool_read():
+    """Reads decode straight from the library's own queue, unless the class reads the pool its own way."""
+    class Scripted(LanUart):
+        async def _getStreamingFromPool_async(self, queue_, num_samples, delay):
+            return [104, 105, 0x2603, True]
+
+    dev = Scripted(verbose=False)
+    t.UARTModule.__init__(dev, UART)
+    try:
+        assert run(dev.UART_read_async(2, -1, 0)) == ["h", "i", "\u2603", "\x01"]
+    finally:
+        dev.close(verbose=False)
+        dev._UART_free()
+
+
 # ---- I2C and SPI ----------------------------------------------------------------------------------
 
 def test_i2c_eeprom_write_then_read_back(usb):
