@@ -29,3 +29,11 @@ def open_handle(network_cls, usb_cls, default):
         dev = getattr(pytorvik, usb_cls)()
         dev.connect(target)
     return dev
+
+
+def open_usb(usb_cls, default):
+    """A USB handle of `usb_cls`, connected to the serial number given in argv[1], else `default`."""
+    serial, _ = parse(default)
+    dev = getattr(pytorvik, usb_cls)()
+    dev.connect(serial)
+    return dev
