@@ -52,7 +52,8 @@ std::optional<Bytes> Uart::handle(std::uint16_t code, const Bytes& in, TimePoint
         }
         return std::nullopt;
     }
-    const Bytes refused = code == wire::WRITE_UART ? Bytes{n, 0, kUartError} : portStatus(n, kUartError);
+    const Bytes refused =
+        code == wire::WRITE_UART ? Bytes{n, in.size() > 1 ? in[1] : std::uint8_t{0}, kUartError} : portStatus(n, kUartError);
     if (!p) return refused;
     switch (code) {
     case wire::OPEN_UART:
@@ -156,15 +157,13 @@ void Uart::advance(TimePoint now) {
             std::uint64_t n = std::min(due - std::min(due, p.stream_paced), p.stream_left);
             p.stream_paced += n;
             if (p.stream_left != kEndless) p.stream_left -= n;
-            // Far behind (a host that took nothing for long): what overflows is lost all the same.
-            const std::uint64_t room = kBufferBytes + 1;
-            if (n > room) {
-                const std::uint64_t skip = n - room;
-                p.counters.lost += skip;
-                p.count = static_cast<std::uint8_t>(p.count + skip);
-                n = room;
-            }
-            for (; n > 0; --n) arrive(p, p.count++);
+            // Far behind (a host that took nothing for long): what finds the buffer full is lost,
+            // newest first, without a turn of the loop each.
+            const std::uint64_t room = kBufferBytes - std::min(kBufferBytes, p.buffer.size());
+            const std::uint64_t over = n > room ? n - room : 0;
+            for (n -= over; n > 0; --n) arrive(p, p.count++);
+            p.counters.lost += over;
+            p.count = static_cast<std::uint8_t>(p.count + over);
         }
     }
 }
@@ -228,8 +227,12 @@ void Uart::reset() {
         fresh.number = p.number;
         fresh.pins = p.pins;
         fresh.counters = p.counters;
+        // The far end is no part of the unit: what it does goes on.
         fresh.silent = p.silent;
         fresh.loopback = p.loopback;
+        fresh.stream_rate = p.stream_rate;
+        fresh.stream_left = p.stream_left;
+        fresh.count = p.count;
         p = std::move(fresh);
     }
 }
