@@ -53,5 +53,6 @@ PYBIND11_MODULE(pytorvik, m) {
     tb::bindUARTModule(m);
     tb::bindCAN(m);
     tb::bindThermalModules(m);
+    tb::bindBroadcastModule(m);
     tb::bindHandles(m);
 }
