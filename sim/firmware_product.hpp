@@ -13,9 +13,19 @@
 //   - analog input and output codes (firmware_ai.hpp, firmware_ao.hpp): [port, ...]; opening an
 //     analog port takes its pins into ADC mode (refused while another function or digital I/O
 //     holds one), closing the output frees them again;
-//   - codes of the modules not modelled yet (buses, thermal, relay): [port, 0];
+//   - thermal codes (firmware_thermal.hpp): opening a port takes its pins into SPI mode (refused
+//     while another function holds one), closing frees them;
+//   - relay codes (firmware_relay.hpp), on the relay unit;
+//   - codes of the modules not modelled yet (buses): [port, 0];
 //   - codes that start a stream, and discovery codes: no reply (the analog ones start what they
 //     start);
+//   - discovery broadcasts (network units, over UDP; requests carry 0 in front, answers 1):
+//       GET_DEVICE_INFO [0]                 [1, address, mask, MAC, the product's label]
+//       CHECK_MAC_AND_SET_IP [0, address, mask, MAC]
+//                                           the unit with that MAC takes address and mask and
+//                                           moves there: [1, 1, status] (11: not a host address,
+//                                           or one the emulator cannot listen at); others are quiet
+//       CHECK_MAC_AND_REBOOT [0, MAC]       the unit with that MAC restarts: [1, 1, 0]
 //   - codes of a module the product lacks, and unassigned codes: [port, 23].
 #pragma once
 
@@ -27,7 +37,9 @@
 #include "firmware_dio.hpp"
 #include "firmware_network.hpp"
 #include "firmware_pins.hpp"
+#include "firmware_relay.hpp"
 #include "firmware_system.hpp"
+#include "firmware_thermal.hpp"
 #include "firmware_wifi.hpp"
 
 namespace sim {
@@ -39,6 +51,7 @@ public:
 
     std::vector<Frame> handle(const Request& request) override;
     std::size_t statusIndex(std::uint16_t code) const override;
+    std::optional<Bytes> broadcast(std::uint16_t code, const Bytes& payload, const Mover& move) override;
 
     const torvik::products::Product& product() const { return product_; }
     SystemServices& system() { return system_; }
@@ -49,6 +62,8 @@ public:
     WifiRadio& wifi() { return wifi_; }
     AnalogInput& ai() { return ai_; }
     AnalogOutput& ao() { return ao_; }
+    Thermal& thermal() { return thermal_; }
+    RelayCounters& relays() { return relays_; }
 
     // The mode GET_PIN_MODE_OF_SLOT reports for a pin.
     PinMode modeOf(PinRef p) const;
@@ -65,6 +80,7 @@ private:
     Bytes pinModes(std::uint8_t port) const;
     Bytes analogInput(std::uint16_t code, const Bytes& payload);
     Bytes analogOutput(std::uint16_t code, const Bytes& payload);
+    Bytes thermalCommand(std::uint16_t code, const Bytes& payload);
     // Takes the pins into ADC mode; false, and nothing changes, if another function or digital
     // I/O holds one of them.
     bool takeAnalogPins(const std::vector<PinRef>& pins);
@@ -77,6 +93,8 @@ private:
     DigitalIo dio_;
     AnalogOutput ao_;
     AnalogInput ai_;  // after ao_, which it may read
+    Thermal thermal_;
+    RelayCounters relays_;  // after dio_, which it watches
 };
 
 }  // namespace sim

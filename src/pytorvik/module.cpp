@@ -69,5 +69,6 @@ PYBIND11_MODULE(pytorvik, m) {
     tb::bindCAN(m);
     tb::bindThermalModules(m);
     tb::bindDataLogger(m);
+    tb::bindBroadcastModule(m);
     tb::bindHandles(m);
 }

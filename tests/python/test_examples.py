@@ -98,3 +98,46 @@ def test_digital_examples_on_the_usb_unit(name, expect):
         pytest.skip("torvik-sim was built without USB support (umockdev missing at build time)")
     out = r.stdout.decode()
     assert r.returncode == 0 and expect in out, out + r.stderr.decode()
+
+
+def run_on_usb(name, usb, *args):
+    if not sys.platform.startswith("linux"):
+        pytest.skip("USB units are emulated with umockdev, which runs on Linux only")
+    r = simctl.run_with_command([], [sys.executable, os.path.join(EXAMPLES, name + ".py")] + list(args), usb=usb)
+    if r.returncode == 77 and b"without USB support" in r.stderr:
+        pytest.skip("torvik-sim was built without USB support (umockdev missing at build time)")
+    out = r.stdout.decode()
+    assert r.returncode == 0, out + r.stderr.decode()
+    return out
+
+
+@pytest.mark.parametrize("name,unit,expect", [
+    ("TC_read_channel_data", "TorvikUsbThermo:21JA1239", ["open: 0", "read 4: CH0 2", " C, CH1 2", "close: 0"]),
+    ("TC_read_channel_status", "TorvikUsbThermo:21JA1239", ["CH0: connected", "CH1: connected"]),
+    ("RTD_read_channel_data", "TorvikUsbRtd:21JA1385", ["open: 0", "read 4: CH0 2", "close: 0"]),
+    ("RTD_read_channel_status", "TorvikUsbRtd:21JA1385", ["CH1: fault register 0x00 (no fault)"]),
+])
+def test_temperature_examples_on_their_sample_serial(name, unit, expect):
+    out = run_on_usb(name, [unit])
+    for text in expect:
+        assert text in out, out
+
+
+@pytest.mark.slow
+def test_find_all_devices_lists_usb_and_network_units():
+    import socket
+    if [n for _, n in socket.if_nameindex()] != ["lo"]:
+        pytest.skip("broadcasts run only in a private network namespace with loopback alone (see tools/run-tests.sh)")
+    if not sys.platform.startswith("linux"):
+        pytest.skip("USB units are emulated with umockdev, which runs on Linux only")
+    lan = simctl.unit_spec("TorvikLanRelay")
+    addr = lan.split("@")[1].split(":")[0]
+    r = simctl.run_with_command([lan], [sys.executable, os.path.join(EXAMPLES, "find_all_devices.py")],
+                                usb=["TorvikUsbThermo:21JA1239"])
+    if r.returncode == 77 and b"without USB support" in r.stderr:
+        pytest.skip("torvik-sim was built without USB support (umockdev missing at build time)")
+    out = r.stdout.decode()
+    assert r.returncode == 0, out + r.stderr.decode()
+    assert "serial number: 21JA1239, product: Torvik-USB-Thermo" in out
+    assert "1 unit(s) on the network" in out and "IP address: %s, subnet mask: 255.255.255.0" % addr in out
+    assert "model: Torvik-LAN-Relay" in out
