@@ -20,6 +20,7 @@ def make_handle():
 
 
 HANDLES = [  # class, label, bases in order
+    ("DeviceFinder", "Device finder", ["BroadcastDevice", "BroadcastModule"]),
     ("TorvikAirAnalog", "Torvik-Air-Analog",
      ["WifiDevice", "SystemModule", "SystemAnalogModule", "NetworkModule", "WifiModule", "AIModule"]),
     ("TorvikCore", "TorvikCore", COMPOSED),
@@ -53,6 +54,7 @@ def test_handle_families_and_lists():
     assert t.PRODUCT_LIST == t.HANDLE_LIST[2:] and len(t.PRODUCT_LIST) == 12
     assert t.__all__ == t.HANDLE_LIST + ["PKG_NAME", "PKG_FULL_NAME", "__version__", "HANDLE_LIST", "PRODUCT_LIST",
                                          "CATEGORY_LIST", "Error", "TorvikWarning", "printGenericError"]
+    assert all(hasattr(t, name) for name in t.__all__)
     assert (t.PKG_NAME, t.PKG_FULL_NAME, t.__version__) == ("pytorvik", "Torvik Python driver", "1.1.0")
 
 

@@ -29,6 +29,15 @@ def _table(header, rows):
         print("  ".join(str(c).ljust(w) for c, w in zip(r, widths)).rstrip())
 
 
+def _quiet(func):
+    """Runs func without the handles' own opened/connected lines."""
+    def run(*args):
+        with contextlib.redirect_stdout(io.StringIO()):
+            return func(*args)
+    return run
+
+
+@_quiet
 def _usb_units():
     finder = pytorvik.DeviceFinder()
     try:
@@ -37,12 +46,20 @@ def _usb_units():
         finder.close()
 
 
-async def _network_units():
+@_quiet
+def _network_units():
     finder = pytorvik.DeviceFinder()
     try:
         finder.connect()
-        return await finder.Bcst_enumerateNetworkDevices_async()
+        return asyncio.run(finder.Bcst_enumerateNetworkDevices_async())
     finally:
+        if finder.connect_status_udp:
+            try:
+                finder.disconnect()
+            except pytorvik.NetworkConnectionLostError:
+                # Linux refuses to shut down a datagram socket that never connected; close still
+                # ends the receive thread.
+                finder.connect_status_udp = False
         finder.close()
 
 
@@ -53,11 +70,11 @@ def find(args):
     if not args.usb_only:
         print("Asking the local network (this takes %d s)..." % pytorvik.PACKET_TIMEOUT, file=sys.stderr)
         try:
-            found = asyncio.run(_network_units())
+            found = _network_units()
         except OSError as e:
             print("network search failed: %s" % e, file=sys.stderr)
             found = []
-        for ip, _mask, mac, model in sorted(found):
+        for ip, _mask, mac, model in sorted(found, key=lambda r: [int(x) for x in r[0].split(".")]):
             rows.append(["network", _handle_for_label(model) or "?", ip, mac, model])
     if not rows:
         print("No unit found%s." % (" on USB" if args.usb_only else " on USB or on the local network"), file=sys.stderr)
