@@ -123,6 +123,17 @@ def test_temperature_examples_on_their_sample_serial(name, unit, expect):
         assert text in out, out
 
 
+@pytest.mark.parametrize("kind,unit", [("TC", "TorvikUsbThermo:21JA1239"), ("RTD", "TorvikUsbRtd:21JA1385")])
+def test_temperature_logger_examples_write_their_csv(tmp_path, kind, unit):
+    fn = tmp_path / "t.csv"
+    out = run_on_usb(kind + "_read_channel_data_with_logger", [unit], unit.split(":")[1], str(fn))
+    assert "10 reads logged" in out and "Close file name: (%s)" % fn in out
+    with open(fn, newline="") as f:
+        rows = list(csv.reader(f))
+    assert rows[0] == ["time (s)", "CH0 (C)", "CH1 (C)"] and len(rows) == 11
+    assert all(15 < float(v) < 40 for r in rows[1:] for v in r[1:]), rows  # the emulator's room temperature
+
+
 @pytest.mark.slow
 def test_find_all_devices_lists_usb_and_network_units():
     import socket
