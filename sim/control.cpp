@@ -15,6 +15,7 @@
 #include "control_analog.hpp"
 #include "control_bus.hpp"
 #include "control_firmware.hpp"
+#include "control_thermal.hpp"
 #include "options.hpp"
 #include "wire/commands.hpp"
 
@@ -375,6 +376,10 @@ std::optional<std::string> ControlServer::execute(Client* client, const std::str
         clearBusFaults(*unit);
         return "ok";
     }
+    if (verb == "discovery") {
+        if (auto n = option(w, 2, "copies")) unit->setBroadcastCopies(static_cast<unsigned>(number(*n, 100, "copies")));
+        return "ok copies=" + std::to_string(unit->broadcastCopies()) + " heard=" + std::to_string(unit->log().countOn(Channel::Udp));
+    }
     if (verb == "log") return "ok " + unit->log().json();
     if (verb == "clearlog") {
         unit->log().clear();
@@ -448,6 +453,7 @@ std::optional<std::string> ControlServer::execute(Client* client, const std::str
     }
     if (auto response = firmwareControl(*unit, w)) return *response;
     if (auto response = analogControl(*unit, w)) return *response;
+    if (auto response = thermalControl(*unit, w)) return *response;
     if (auto response = busControl(*unit, w)) return *response;
     throw BadRequest{"unknown request '" + verb + "'"};
 }

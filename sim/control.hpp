@@ -29,6 +29,11 @@
 //   resume SEL                         act and answer again
 //   clear SEL                          every fault and scripted reply off, stream faults included
 //                                         (the log stays)
+//   discovery SEL [copies=N]           ok copies=N heard=N   a network unit answers each discovery
+//                                         broadcast N times (default 1; 0: not at all); heard:
+//                                         broadcasts received. Broadcasts are logged with conn
+//                                         "udp", link 0; "reply" scripts their answers too (the
+//                                         whole payload, the leading 1 included)
 //   log SEL                            ok [{"t":S,"conn":"cmd","link":N,"code":N,"data":"HEX"},...]
 //   clearlog SEL                       empty the traffic log
 //   stats SEL                          ok cmd.accepted=N cmd.open=N data.accepted=N data.open=N
@@ -107,6 +112,18 @@
 //                                         values=V,...  forms=F,... amplitudes=A,... offsets=O,...
 //                                         periods=P,...   (values: what the outputs put out now)
 //
+// Temperature channels and relay counters (firmware_thermal.hpp, firmware_relay.hpp):
+//   thermal SEL PORT CH [temp=C] [drift=C] [junction=C] [open=0|1] [faults=N]
+//                                      set what channel CH of thermal port PORT senses: the
+//                                         temperature (drift: amplitude of its slow swing, 0 holds
+//                                         it), the cold junction's temperature, an open circuit,
+//                                         further fault register bits; answers
+//                                         ok temp= drift= now= junction= junction_on=
+//                                         written_junction= offset= saved_offset= filter=
+//                                         oversampling= type= open= faults=0xHH port_open=
+//   relays SEL [N...]                  ok N...  each relay's switching count; given one count a
+//                                         relay, sets them first
+//
 // Serial buses (firmware_uart.hpp, firmware_i2c.hpp, firmware_spi.hpp, uart_sender.hpp); PORT is
 // the bus's port number as the host names it:
 //   uart SEL PORT                      ok open= reading= baud= data= parity= stop=
@@ -138,7 +155,8 @@
 //   spi SEL PORT loopback              MISO echoes MOSI (the default)
 //   spi SEL PORT pattern HEX           MISO answers HEX, repeated, from its start each transfer
 //   spi SEL PORT silent on|off         nothing answers: MISO reads 0xFF
-// "clear" also makes silent far ends speak again and drops pending bursts.//
+// "clear" also makes silent far ends speak again and drops pending bursts.
+//
 // Counters in "next=N", drop and dup count replies on their way out; a dropped reply is not counted
 // by the others. Setting one again replaces its count.
 #pragma once

@@ -1,6 +1,7 @@
 #include "firmware_product.hpp"
 
 #include "wire/commands.hpp"
+#include "wire/labels.hpp"
 
 namespace sim {
 
@@ -24,6 +25,8 @@ ProductFirmware::ProductFirmware(const UnitIdentity& identity, UnitClock::Now no
       dio_(product_, pins_),
       ao_(product_, now),
       ai_(product_, now, &ao_),
+      thermal_(product_, now),
+      relays_(product_, dio_),
       now_(std::move(now)),
       uart_(product_),
       i2c_(product_),
@@ -36,6 +39,7 @@ std::size_t ProductFirmware::statusIndex(std::uint16_t code) const {
         return 0;
     if (code == wire::SET_AO_FORM || code == wire::SET_AO_FORM_PARAM || code == wire::WRITE_I2C) return 3;
     if (code == wire::WRITE_UART || code == wire::WRITE_SPI) return 2;
+    if (Thermal::isThermalCode(code)) return Thermal::statusIndex(code);
     return 1;
 }
 
@@ -48,7 +52,36 @@ std::vector<Frame> ProductFirmware::handle(const Request& request) {
         return {};
     }
     if (wire::isBroadcastCommand(request.code)) return {};
-    return {Frame{request.code, answer(request.code, request.payload)}};
+    std::vector<Frame> out{Frame{request.code, answer(request.code, request.payload)}};
+    if (relays_.present()) relays_.observe();
+    return out;
+}
+
+std::optional<Bytes> ProductFirmware::broadcast(std::uint16_t code, const Bytes& in, const Mover& move) {
+    // Answers of other units carry 1 in front; only requests are for us.
+    if (!hasNetwork() || in.empty() || in[0] != 0) return std::nullopt;
+    const Bytes done{1, 1, kOk};
+    switch (code) {
+    case wire::GET_DEVICE_INFO: {
+        Bytes out{1};
+        const Bytes id = network_.identity();
+        out.insert(out.end(), id.begin(), id.end());
+        std::string_view label = product_.class_name;
+        for (const auto& [key, text] : wire::kLabels)
+            if (key == product_.class_name) label = text;
+        out.insert(out.end(), label.begin(), label.end());
+        return out;
+    }
+    case wire::CHECK_MAC_AND_SET_IP: {
+        if (in.size() != 15 || !network_.hasMac(&in[9])) return std::nullopt;
+        return Bytes{1, 1, network_.takeAddress(u32At(in, 1), u32At(in, 5), move)};
+    }
+    case wire::CHECK_MAC_AND_REBOOT:
+        if (in.size() != 7 || !network_.hasMac(&in[1])) return std::nullopt;
+        reboot();
+        return done;
+    default: return std::nullopt;
+    }
 }
 
 Bytes ProductFirmware::answer(std::uint16_t code, const Bytes& in) {
@@ -66,6 +99,8 @@ Bytes ProductFirmware::answer(std::uint16_t code, const Bytes& in) {
     if (DigitalIo::isDioCode(code)) return dio_.present() ? dio_.handle(code, in) : unknown;
     if (AnalogInput::isAiCode(code)) return ai_.present() ? analogInput(code, in) : unknown;
     if (AnalogOutput::isAoCode(code)) return ao_.present() ? analogOutput(code, in) : unknown;
+    if (Thermal::isThermalCode(code)) return thermal_.present() ? thermalCommand(code, in) : unknown;
+    if (RelayCounters::isRelayCode(code)) return relays_.present() ? relays_.handle(code, in) : unknown;
     if (isAssigned(code) && Uart::isUartCode(code))
         return uart_.present() ? bus(uart_, PinMode::UART, wire::OPEN_UART, wire::CLOSE_UART, Uart::kUartError, code, in) : unknown;
     if (isAssigned(code) && I2c::isI2cCode(code))
@@ -100,6 +135,24 @@ Bytes ProductFirmware::analogOutput(std::uint16_t code, const Bytes& in) {
     if (code == wire::CLOSE_AO && out.size() == 2 && out[1] == kOk)
         for (PinRef p : ao_.pins(in[0])) setPinMode(p, PinMode::Idle);
     return out;
+}
+
+Bytes ProductFirmware::thermalCommand(std::uint16_t code, const Bytes& in) {
+    if ((code == wire::OPEN_THERMAL || code == wire::CLOSE_THERMAL) && in.size() == 1 && thermal_.isPort(in[0])) {
+        const std::vector<PinRef> pins = thermal_.pins(in[0]);
+        if (code == wire::CLOSE_THERMAL) {
+            if (thermal_.isOpen(in[0]))
+                for (PinRef p : pins) setPinMode(p, PinMode::Idle);
+        } else if (!thermal_.isOpen(in[0])) {
+            // The converters hang on SPI lines; digital I/O may give its pins up, other functions not.
+            for (PinRef p : pins) {
+                const PinMode m = modeOf(p);
+                if (m != PinMode::Idle && m != PinMode::DI && m != PinMode::DO) return portStatus(in[0], Thermal::kThermalError);
+            }
+            for (PinRef p : pins) setPinMode(p, PinMode::SPI);
+        }
+    }
+    return thermal_.handle(code, in);
 }
 
 namespace {
@@ -173,6 +226,7 @@ void ProductFirmware::reboot() {
     dio_.reboot();
     ao_.reset();
     ai_.reset();
+    thermal_.reset();
     uart_.reset();
     i2c_.reset();
     spi_.reset();
@@ -183,6 +237,7 @@ void ProductFirmware::factoryReset() {
     network_.factoryReset();
     wifi_.factoryReset();
     dio_.factoryReset();
+    thermal_.factoryReset();
     reboot();
 }
 

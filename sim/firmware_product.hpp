@@ -13,12 +13,22 @@
 //   - analog input and output codes (firmware_ai.hpp, firmware_ao.hpp): [port, ...]; opening an
 //     analog port takes its pins into ADC mode (refused while another function or digital I/O
 //     holds one), closing the output frees them again;
+//   - thermal codes (firmware_thermal.hpp): opening a port takes its pins into SPI mode (refused
+//     while another function holds one), closing frees them;
+//   - relay codes (firmware_relay.hpp), on the relay unit;
 //   - bus codes (firmware_uart.hpp, firmware_i2c.hpp, firmware_spi.hpp): opening a bus port
 //     takes its pins into the bus's mode (refused with the bus's status while another function
 //     holds one), closing it frees them;
-//   - codes of the modules not modelled yet (thermal, relay): [port, 0];
+//   - codes of the modules not modelled yet (CAN): [port, 0];
 //   - codes that start a stream, and discovery codes: no reply (the analog ones start what they
 //     start);
+//   - discovery broadcasts (network units, over UDP; requests carry 0 in front, answers 1):
+//       GET_DEVICE_INFO [0]                 [1, address, mask, MAC, the product's label]
+//       CHECK_MAC_AND_SET_IP [0, address, mask, MAC]
+//                                           the unit with that MAC takes address and mask and
+//                                           moves there: [1, 1, status] (11: not a host address,
+//                                           or one the emulator cannot listen at); others are quiet
+//       CHECK_MAC_AND_REBOOT [0, MAC]       the unit with that MAC restarts: [1, 1, 0]
 //   - codes of a module the product lacks, and unassigned codes: [port, 23].
 #pragma once
 
@@ -31,8 +41,10 @@
 #include "firmware_i2c.hpp"
 #include "firmware_network.hpp"
 #include "firmware_pins.hpp"
+#include "firmware_relay.hpp"
 #include "firmware_spi.hpp"
 #include "firmware_system.hpp"
+#include "firmware_thermal.hpp"
 #include "firmware_uart.hpp"
 #include "firmware_wifi.hpp"
 
@@ -45,6 +57,7 @@ public:
 
     std::vector<Frame> handle(const Request& request) override;
     std::size_t statusIndex(std::uint16_t code) const override;
+    std::optional<Bytes> broadcast(std::uint16_t code, const Bytes& payload, const Mover& move) override;
 
     const torvik::products::Product& product() const { return product_; }
     SystemServices& system() { return system_; }
@@ -55,6 +68,8 @@ public:
     WifiRadio& wifi() { return wifi_; }
     AnalogInput& ai() { return ai_; }
     AnalogOutput& ao() { return ao_; }
+    Thermal& thermal() { return thermal_; }
+    RelayCounters& relays() { return relays_; }
     Uart& uart() { return uart_; }
     I2c& i2c() { return i2c_; }
     Spi& spi() { return spi_; }
@@ -74,6 +89,7 @@ private:
     Bytes pinModes(std::uint8_t port) const;
     Bytes analogInput(std::uint16_t code, const Bytes& payload);
     Bytes analogOutput(std::uint16_t code, const Bytes& payload);
+    Bytes thermalCommand(std::uint16_t code, const Bytes& payload);
     // Takes the pins into ADC mode; false, and nothing changes, if another function or digital
     // I/O holds one of them.
     bool takeAnalogPins(const std::vector<PinRef>& pins);
@@ -91,6 +107,8 @@ private:
     DigitalIo dio_;
     AnalogOutput ao_;
     AnalogInput ai_;  // after ao_, which it may read
+    Thermal thermal_;
+    RelayCounters relays_;  // after dio_, which it watches
     UnitClock::Now now_;
     Uart uart_;
     I2c i2c_;

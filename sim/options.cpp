@@ -7,13 +7,14 @@
 #include <cstdio>
 #include <cstring>
 
+#include "products/catalogue.hpp"
 #include "wire/labels.hpp"
 
 namespace sim {
 
 const char* const kUsage =
     "usage: torvik-sim [--unit CLASS@ADDR[:CMDPORT[:DATAPORT]][,serial=SERIAL][,tcp]]...\n"
-    "                  [--usb CLASS:SERIAL[,product=TEXT][,transfer=bulk|interrupt]]... [--usb-host]\n"
+    "                  [--usb CLASS[:SERIAL][,product=TEXT][,transfer=bulk|interrupt]]... [--usb-host]\n"
     "                  [--control PATH] [--echo] [-- COMMAND ARGS...]\n";
 
 namespace {
@@ -108,8 +109,8 @@ UnitConfig parseUsbUnit(const std::string& arg, unsigned id) {
         from = comma + 1;
     }
     auto colon = parts[0].find(':');
-    if (colon == std::string::npos || colon + 1 == parts[0].size())
-        throw UsageError{"--usb " + arg + ": expected CLASS:SERIAL"};
+    if (colon != std::string::npos && colon + 1 == parts[0].size())
+        throw UsageError{"--usb " + arg + ": expected CLASS[:SERIAL]"};
     UnitConfig cfg;
     const std::string cls = parts[0].substr(0, colon);
     cfg.product = products::findProduct(cls);
@@ -117,7 +118,13 @@ UnitConfig parseUsbUnit(const std::string& arg, unsigned id) {
     if (cfg.product->link != products::Link::Usb)
         throw UsageError{"'" + cls + "' is not a USB unit: give it with --unit " + cls + "@ADDR"};
     cfg.usb = true;
-    cfg.serial = parts[0].substr(colon + 1);
+    // Without a serial number the unit takes the catalogue's sample one, which the examples use.
+    if (colon != std::string::npos)
+        cfg.serial = parts[0].substr(colon + 1);
+    else if (const auto* sample = products::findSample(cls))
+        cfg.serial = sample->connect;
+    else
+        throw UsageError{"--usb " + arg + ": expected CLASS:SERIAL"};
     cfg.usb_device.serial = cfg.serial;
     cfg.usb_device.product = std::string(torvik::wire::findLabel(cls).value_or(cls));
     cfg.addr_text = "usb:" + std::to_string(id);

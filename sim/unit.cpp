@@ -2,8 +2,11 @@
 
 #include <arpa/inet.h>
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <stdexcept>
+#include <system_error>
 
 #include "wire/commands.hpp"
 
@@ -58,7 +61,46 @@ std::size_t Unit::junk() const {
 
 Transport* Unit::transport(Channel channel) {
     if (channel == Channel::Cmd) return cmd_;
-    return data_.get();
+    if (channel == Channel::Data) return data_.get();
+    return nullptr;
+}
+
+std::vector<Bytes> Unit::answerBroadcast(const Frame& request) {
+    if (config_.usb) return {};
+    ++counters_.frames;
+    log_.add(Channel::Udp, 0, request);
+    changed();
+    if (faults_.silent()) return {};
+    std::optional<Bytes> payload;
+    if (const auto* scripted = faults_.scripted(request.code))
+        payload = *scripted;
+    else
+        payload = firmware_->broadcast(request.code, request.payload, [this](std::uint32_t ip) { return moveTo(ip); });
+    if (!payload) return {};
+    counters_.replies += broadcast_copies_;
+    return std::vector<Bytes>(broadcast_copies_, encodeUnitFrame(request.code, *payload));
+}
+
+bool Unit::moveTo(std::uint32_t ipv4) {
+    if (!tcp_) return false;
+    in_addr addr{};
+    addr.s_addr = htonl(ipv4);
+    if (addr.s_addr == config_.addr.s_addr) return true;  // a repeated request finds it there already
+    int cmd_fd = -1, data_fd = -1;
+    try {
+        cmd_fd = tcp_->bind(addr, tcp_->port());
+        if (data_) data_fd = data_->bind(addr, data_->port());
+    } catch (const std::system_error&) {
+        if (cmd_fd >= 0) close(cmd_fd);
+        return false;
+    }
+    tcp_->adopt(cmd_fd);
+    if (data_) data_->adopt(data_fd);
+    config_.addr = addr;
+    char text[INET_ADDRSTRLEN];
+    config_.addr_text = inet_ntop(AF_INET, &addr, text, sizeof text);
+    changed();
+    return true;
 }
 
 bool Unit::writeNow(Channel channel, std::span<const std::uint8_t> bytes) {

@@ -86,6 +86,16 @@ public:
     std::size_t finish(Channel channel);
     std::size_t abort(Channel channel);
 
+    // A discovery request heard over UDP: the frames the unit answers with (each as many times as
+    // set), none from a USB unit. Logged on the udp channel; scripted replies, silence and the
+    // firmware's answer apply as on the command link.
+    std::vector<Bytes> answerBroadcast(const Frame& request);
+    void setBroadcastCopies(unsigned copies) { broadcast_copies_ = copies; }
+    unsigned broadcastCopies() const { return broadcast_copies_; }
+    // Listens at another address from now on (host byte order); false if it cannot, and nothing
+    // changes. Connections made to the old address are reset.
+    bool moveTo(std::uint32_t ipv4);
+
     // Called whenever links or the log changed, for whoever waits on them.
     std::function<void()> on_change;
 
@@ -123,6 +133,7 @@ private:
     std::map<Link*, RequestParser> parsers_;
     std::size_t junk_of_closed_ = 0;
     std::deque<Pending> outbox_;  // due times never decrease along the queue
+    unsigned broadcast_copies_ = 1;
     EventLoop::TimerId outbox_timer_ = 0;
     std::unique_ptr<StreamSender> sender_;  // last: it goes first, with its timer
     std::unique_ptr<UartSender> uart_sender_;

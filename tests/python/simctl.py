@@ -428,6 +428,41 @@ class Unit:
                 out[k] = float(v) if k == "rate" else int(v, 0)
         return out
 
+    # Discovery ----------------------------------------------------------------------------------
+    def discovery(self, copies=None):
+        """{"copies": N, "heard": N}: how many times the unit answers each discovery broadcast
+        (`copies` sets it; 0: not at all) and how many it heard."""
+        fields = self._do("discovery", *(["copies=%d" % copies] if copies is not None else [])).split()
+        return {k: int(v) for k, v in (f.split("=", 1) for f in fields)}
+
+    def refresh(self):
+        """Reads the unit's address and ports again (a unit told by discovery to take another
+        address has moved); the unit is found by its serial number."""
+        for line in self.sim.request("units").split(";"):
+            other = Unit(self.sim, line)
+            if other.serial == self.serial:
+                self.addr, self.cmd_port, self.data_port = other.addr, other.cmd_port, other.data_port
+                return self
+        raise SimError("unit %s is gone" % self.serial)
+
+    # Temperature and relays ---------------------------------------------------------------------
+    def thermal(self, port, channel, temp=None, drift=None, junction=None, open=None, faults=None):
+        """What channel `channel` of thermal port `port` senses, as a dict (temp, drift, now,
+        junction, written_junction, offset, saved_offset as floats; junction_on, filter,
+        oversampling, type, open, faults, port_open as ints); the given values are set first
+        (temp and junction in degrees C, drift the amplitude of the slow swing, open an open
+        circuit, faults further fault register bits)."""
+        args = ["%s=%s" % (k, v if isinstance(v, float) else int(v))
+                for k, v in (("temp", temp), ("drift", drift), ("junction", junction), ("open", open), ("faults", faults))
+                if v is not None]
+        fields = dict(f.split("=", 1) for f in self._do("thermal", int(port), int(channel), *args).split())
+        floats = ("temp", "drift", "now", "junction", "written_junction", "offset", "saved_offset")
+        return {k: float(v) if k in floats else int(v, 0) for k, v in fields.items()}
+
+    def relay_counters(self, counts=None):
+        """Each relay's switching count; `counts` (one a relay) sets them first."""
+        return [int(c) for c in self._do("relays", *(counts or [])).split()]
+
     # Serial buses --------------------------------------------------------------------------------
     def uart_state(self, port):
         """Serial port `port` as a dict of ints (stream, loopback as str): open, reading, baud,
