@@ -8,9 +8,11 @@ address the last write left.
 """
 import asyncio
 
+import pytorvik
 import target
 
-PORT = 1  # the I2C port of the catalogue
+SAMPLE = pytorvik.HANDLE_PROPERTIES["TorvikUsbLogic"]
+PORT = SAMPLE["cat_port"]["I2C"]  # the port the catalogue gives this example
 EEPROM = 0x50
 
 
@@ -25,7 +27,8 @@ async def main(dev):
     print("close:", await dev.I2C_close_async(PORT))
 
 
-dev = target.open_usb("TorvikUsbLogic", "21JA1200")
+dev = pytorvik.TorvikUsbLogic()
+dev.connect(target.parse(SAMPLE["connect"])[0])
 try:
     asyncio.run(main(dev))
 finally:

@@ -7,9 +7,11 @@ comes back. The port's pins are P3.3, P3.4 and P3.5.
 """
 import asyncio
 
+import pytorvik
 import target
 
-PORT = 2  # the SPI port of the catalogue
+SAMPLE = pytorvik.HANDLE_PROPERTIES["TorvikUsbLogic"]
+PORT = SAMPLE["cat_port"]["SPI"]  # the port the catalogue gives this example
 
 
 async def main(dev):
@@ -22,7 +24,8 @@ async def main(dev):
     print("close:", await dev.SPI_close_async(PORT))
 
 
-dev = target.open_usb("TorvikUsbLogic", "21JA1200")
+dev = pytorvik.TorvikUsbLogic()
+dev.connect(target.parse(SAMPLE["connect"])[0])
 try:
     asyncio.run(main(dev))
 finally:

@@ -9,9 +9,11 @@ import asyncio
 import sys
 import time
 
+import pytorvik
 import target
 
-PORT = 2  # the UART port of the catalogue
+SAMPLE = pytorvik.HANDLE_PROPERTIES["TorvikUsbLogic"]
+PORT = SAMPLE["cat_port"]["UART"]  # the port the catalogue gives this example
 
 
 async def main(dev, seconds):
@@ -28,7 +30,8 @@ async def main(dev, seconds):
     print("close:", await dev.UART_close_async(PORT))
 
 
-dev = target.open_usb("TorvikUsbLogic", "21JA1200")
+dev = pytorvik.TorvikUsbLogic()
+dev.connect(target.parse(SAMPLE["connect"])[0])
 try:
     asyncio.run(main(dev, float(sys.argv[2]) if len(sys.argv) > 2 else 2.0))
 finally:

@@ -7,9 +7,11 @@ characters go in one write.
 """
 import asyncio
 
+import pytorvik
 import target
 
-PORT = 2  # the UART port of the catalogue
+SAMPLE = pytorvik.HANDLE_PROPERTIES["TorvikUsbLogic"]
+PORT = SAMPLE["cat_port"]["UART"]  # the port the catalogue gives this example
 
 
 async def main(dev):
@@ -24,7 +26,8 @@ async def main(dev):
     print("close:", await dev.UART_close_async(PORT))
 
 
-dev = target.open_usb("TorvikUsbLogic", "21JA1200")
+dev = pytorvik.TorvikUsbLogic()
+dev.connect(target.parse(SAMPLE["connect"])[0])
 try:
     asyncio.run(main(dev))
 finally:
