@@ -118,8 +118,7 @@ std::string uart(Unit& unit, const std::vector<std::string>& w) {
         u.burst(p, number(w[4], 1ull << 40, "count"));
     } else if (what == "silent") {
         if (w.size() != 5) throw Refused{"usage: uart SEL PORT silent on|off"};
-        p.silent = onOff(w[4]);
-        if (p.silent) p.line.clear();
+        u.setSilent(p, onOff(w[4]), now);
     } else {
         throw Refused{"unknown uart request '" + what + "'"};
     }
@@ -202,7 +201,8 @@ std::optional<std::string> busControl(Unit& unit, const std::vector<std::string>
 
 void clearBusFaults(Unit& unit) {
     if (auto* fw = dynamic_cast<ProductFirmware*>(&unit.firmware())) {
-        fw->uart().clearFaults();
+        fw->uart().clearFaults(Clock::now());
+        unit.uartSender().poke();
         fw->i2c().clearFaults();
         fw->spi().clearFaults();
     }

@@ -69,10 +69,13 @@ std::optional<Bytes> Uart::handle(std::uint16_t code, const Bytes& in, TimePoint
         p->open = true;
         return portStatus(n, kOk);
     case wire::CLOSE_UART:
-        p->open = p->reading = false;
-        return portStatus(n, kOk);
+        p->open = false;
+        p->line.clear();
+        [[fallthrough]];
     case wire::STOP_UART_READING:
         p->reading = false;
+        p->counters.ignored += p->buffer.size();
+        p->buffer.clear();
         return portStatus(n, kOk);
     case wire::RESET_UART:
         p->line.clear();
@@ -119,9 +122,18 @@ void Uart::stream(Port& p, double rate, std::uint64_t bytes, TimePoint now) {
     p.stream_paced = 0;
 }
 
-void Uart::clearFaults() {
+void Uart::setSilent(Port& p, bool on, TimePoint now) {
+    if (on) p.line.clear();
+    if (p.silent && !on) {
+        p.stream_anchor = now;
+        p.stream_paced = 0;
+    }
+    p.silent = on;
+}
+
+void Uart::clearFaults(TimePoint now) {
     for (auto& p : ports_) {
-        p.silent = false;
+        setSilent(p, false, now);
         p.burst_left = 0;
     }
 }

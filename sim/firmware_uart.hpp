@@ -8,8 +8,8 @@
 //   START_UART_READING  no reply: from now on received bytes go to the host under this code, as
 //                       [port, 0x80, bytes...]
 //   STOP_UART_READING   they no longer do; bytes arriving meanwhile are lost, as on a port whose
-//                       receiver is off
-//   CLOSE_UART          stops reading and closes the port
+//                       receiver is off, and so are those received but not sent yet
+//   CLOSE_UART          stops reading and closes the port; what was on its way is lost
 //   WRITE_UART          [port, n, n bytes]: out on the line (and back, with the loopback on)
 //   RESET_UART          the line and the receive buffer are emptied
 //   SET_UART_BAUD_RATE  u32, 1..400000; SET_UART_DATA_SIZE 0..1; SET_UART_PARITY 0..3;
@@ -50,7 +50,7 @@ public:
         std::uint64_t sent = 0;      // bytes sent to the host
         std::uint64_t payloads = 0;  // stream frames sent
         std::uint64_t lost = 0;      // arrived to a full buffer
-        std::uint64_t ignored = 0;   // arrived while not reading
+        std::uint64_t ignored = 0;   // arrived while not reading, or not sent when reading stopped
     };
     struct Port {
         int number = 0;
@@ -87,8 +87,11 @@ public:
     // `rate` 0: as fast as the link takes; `bytes` kEndless for no end; 0 stops the stream.
     void stream(Port& p, double rate, std::uint64_t bytes, TimePoint now);
     void burst(Port& p, std::uint64_t bytes) { p.burst_left += bytes; }
+    // A silent far end sends nothing; speaking again, a paced stream goes on from `now` at its
+    // rate, without making up for the silence.
+    void setSilent(Port& p, bool on, TimePoint now);
     // Faults off: silent far ends speak again, bursts pending are dropped.
-    void clearFaults();
+    void clearFaults(TimePoint now);
 
     // ---- the receive path, as the sender drives it --------------------------------------------
     // Bytes due by `now` at their pace arrive.

@@ -65,6 +65,28 @@ TEST(SimUart, AStreamThatNobodyTakesOverflowsTheBufferAndCountsTheLoss) {
     EXPECT_EQ(uart.port(2)->buffer.back(), static_cast<std::uint8_t>(300000));  // the count went on
 }
 
+TEST(SimUart, ASilentFarEndDoesNotMakeUpForItsSilenceAndStopDropsWhatWaits) {
+    Unit u;
+    u.ask(wire::OPEN_UART, {1});
+    u.ask(wire::START_UART_READING, {1});
+    sim::Uart& uart = u.fw.uart();
+    sim::Uart::Port& p = *uart.port(1);
+    uart.stream(p, 1000, sim::Uart::kEndless, u.now);
+    u.now += 100ms;
+    EXPECT_EQ(u.take(1), 100u);
+    uart.setSilent(p, true, u.now);
+    u.now += 1s;
+    EXPECT_EQ(u.take(1), 0u);
+    uart.setSilent(p, false, u.now);
+    u.now += 50ms;
+    EXPECT_EQ(u.take(1), 50u);
+    u.now += 10ms;
+    uart.advance(u.now);
+    EXPECT_EQ(u.ask(wire::STOP_UART_READING, {1}), (Bytes{1, 0}));
+    EXPECT_TRUE(p.buffer.empty());
+    EXPECT_EQ(p.counters.ignored, 10u);
+}
+
 TEST(SimUart, NothingArrivesWhileNotReading) {
     Unit u;
     u.ask(wire::OPEN_UART, {1});  // open, but reception not started
