@@ -9,7 +9,7 @@ import sys
 import pytest
 
 import pytorvik as t
-import simctl
+from devices import ProductUnits
 
 EXAMPLES = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "examples")
 USB = set(t.HANDLE_DICT["USB"])
@@ -31,46 +31,9 @@ def pairs():
                 yield pytest.param(handle, example, marks=marks, id="%s-%s" % (handle, example))
 
 
-class Units:
-    """One emulated unit per handle, kept while the tests of that handle run."""
-
-    def __init__(self):
-        self.handle, self.sim, self.usb = None, None, None
-
-    def target(self, handle):
-        if handle != self.handle:
-            self.close()
-            self.handle = handle
-            if handle == "DeviceFinder":
-                return None
-            if handle in USB:
-                import collections
-                from conftest import usb_host, wait_listed
-                self.usb = usb_host().add_usb("%s:%s" % (handle, t.HANDLE_PROPERTIES[handle]["connect"]))
-                wait_listed(collections.Counter([self.usb.serial]))
-            else:
-                self.sim = simctl.Sim(simctl.unit_spec(handle))
-                self.sim.start()
-        if self.usb:
-            return self.usb.serial
-        if self.sim:
-            u = self.sim.unit
-            if handle == "TorvikAirAnalog" and (u.cmd_port, u.data_port) != (t.TCP_CMD_PORT, t.TCP_DATA_PORT):
-                pytest.skip("the Wi-Fi handle connects on the units' own ports, which only root can give the emulator")
-            return "%s:%d" % (u.addr, u.cmd_port) if handle != "TorvikAirAnalog" else u.addr
-        return None
-
-    def close(self):
-        if self.usb:
-            self.usb.remove()
-        if self.sim:
-            self.sim.stop()
-        self.handle, self.sim, self.usb = None, None, None
-
-
 @pytest.fixture(scope="module")
 def units():
-    u = Units()
+    u = ProductUnits()
     yield u
     u.close()
 
