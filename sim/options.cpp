@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 
+#include <algorithm>
 #include <charconv>
 #include <cstdio>
 #include <cstring>
@@ -12,7 +13,7 @@
 namespace sim {
 
 const char* const kUsage =
-    "usage: torvik-sim [--unit CLASS@ADDR[:CMDPORT[:DATAPORT]][,serial=SERIAL]]...\n"
+    "usage: torvik-sim [--unit CLASS@ADDR[:CMDPORT[:DATAPORT]][,serial=SERIAL][,tcp]]...\n"
     "                  [--usb CLASS[:SERIAL][,product=TEXT][,transfer=bulk|interrupt]]... [--usb-host]\n"
     "                  [--control PATH] [--echo] [-- COMMAND ARGS...]\n";
 
@@ -46,12 +47,20 @@ UnitConfig parseUnit(const std::string& unit_arg, std::size_t index) {
     namespace products = torvik::products;
     UnitConfig cfg;
     std::string head = unit_arg, serial;
+    bool tcp = false;
     if (auto comma = unit_arg.find(','); comma != std::string::npos) {
         head = unit_arg.substr(0, comma);
-        std::string opt = unit_arg.substr(comma + 1);
-        if (opt.rfind("serial=", 0) != 0 || opt.size() == 7 || opt.find(',') != std::string::npos)
-            throw UsageError{"bad option '" + opt + "' in --unit " + unit_arg + " (only serial=SERIAL)"};
-        serial = opt.substr(7);
+        for (std::size_t from = comma + 1; from <= unit_arg.size();) {
+            const auto next = std::min(unit_arg.find(',', from), unit_arg.size());
+            const std::string opt = unit_arg.substr(from, next - from);
+            from = next + 1;
+            if (opt == "tcp")
+                tcp = true;
+            else if (opt.rfind("serial=", 0) == 0 && opt.size() > 7 && serial.empty())
+                serial = opt.substr(7);
+            else
+                throw UsageError{"bad option '" + opt + "' in --unit " + unit_arg + " (serial=SERIAL, tcp)"};
+        }
     }
     auto at = head.find('@');
     if (at == std::string::npos) throw UsageError{"--unit " + unit_arg + ": expected CLASS@ADDR"};
@@ -60,8 +69,8 @@ UnitConfig parseUnit(const std::string& unit_arg, std::size_t index) {
     if (!cfg.product) {
         throw UsageError{"unknown product class '" + cls + "'; known: " + knownClasses()};
     }
-    if (cfg.product->link == products::Link::Usb)
-        throw UsageError{"'" + cls + "' is a USB unit: give it with --usb " + cls + ":SERIAL"};
+    if (cfg.product->link == products::Link::Usb && !tcp)
+        throw UsageError{"'" + cls + "' is a USB unit: give it with --usb " + cls + ":SERIAL (or add ,tcp)"};
 
     std::string rest = head.substr(at + 1);
     std::vector<std::string> parts;
