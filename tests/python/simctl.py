@@ -462,6 +462,7 @@ class Unit:
     def relay_counters(self, counts=None):
         """Each relay's switching count; `counts` (one a relay) sets them first."""
         return [int(c) for c in self._do("relays", *(counts or [])).split()]
+
     # Serial buses --------------------------------------------------------------------------------
     def uart_state(self, port):
         """Serial port `port` as a dict of ints (stream, loopback as str): open, reading, baud,
