@@ -54,5 +54,6 @@ PYBIND11_MODULE(pytorvik, m) {
     tb::bindCAN(m);
     tb::bindThermalModules(m);
     tb::bindBroadcastModule(m);
+    tb::bindDataLogger(m);
     tb::bindHandles(m);
 }

@@ -1,4 +1,5 @@
 """The example programs, each run against the emulator as a user would run it."""
+import csv
 import os
 import subprocess
 import sys
@@ -10,10 +11,11 @@ import simctl
 EXAMPLES = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "examples")
 
 
-def run_example(name, unit_class, *expect):
+def run_example(name, unit_class, *expect, args=()):
     unit_arg = simctl.unit_spec(unit_class, cmd_port=17007)
     addr = unit_arg.split("@")[1].split(":")[0]
-    r = simctl.run_with_command([unit_arg], [sys.executable, os.path.join(EXAMPLES, name + ".py"), "%s:17007" % addr], timeout=60)
+    r = simctl.run_with_command([unit_arg], [sys.executable, os.path.join(EXAMPLES, name + ".py"), "%s:17007" % addr, *args],
+                                timeout=60)
     out = r.stdout.decode()
     assert r.returncode == 0, out + r.stderr.decode()
     for text in expect:
@@ -48,6 +50,17 @@ def test_digital_examples_on_the_lan_unit(name, expect):
 ])
 def test_analog_examples_on_the_lan_units(name, unit_class, expect):
     run_example(name, unit_class, *expect)
+
+
+def test_ai_continuous_with_logger_writes_every_frame(tmp_path):
+    fn = tmp_path / "ai.csv"
+    out = run_example("AI_continuous_with_logger", "TorvikLanAnalog", "frames logged", "Close file name: (%s)" % fn,
+                      args=[str(fn)])
+    logged = int(out.split(" frames logged")[0].split()[-1])
+    with open(fn, newline="") as f:
+        rows = list(csv.reader(f))
+    assert rows[0][:2] == ["frame", "AI0 (V)"] and len(rows) == logged + 1 and logged > 100
+    assert [int(r[0]) for r in rows[1:]] == list(range(logged))
 
 
 def test_quickstart_runs_without_a_unit():
