@@ -123,6 +123,21 @@ def test_temperature_examples_on_their_sample_serial(name, unit, expect):
         assert text in out, out
 
 
+@pytest.mark.parametrize("name,unit", [("TC_read_channel_data_with_logger", "TorvikUsbThermo:21JA1239"),
+                                       ("RTD_read_channel_data_with_logger", "TorvikUsbRtd:21JA1385")])
+def test_temperature_logger_examples_write_every_reading(tmp_path, name, unit):
+    fn = tmp_path / "temperature.csv"
+    out = run_on_usb(name, [unit], unit.split(":")[1], str(fn))
+    assert "10 readings logged" in out and "Close file name: (%s)" % fn in out, out
+    with open(fn, newline="") as f:
+        rows = list(csv.reader(f))
+    assert rows[0] == ["time (s)", "CH0 (C)", "CH1 (C)"] and len(rows) == 11
+    # The emulator's sensors start near room temperature, the second channel a little warmer.
+    for row in rows[1:]:
+        ch0, ch1 = float(row[1]), float(row[2])
+        assert 15 < ch0 < 35 and 15 < ch1 < 35 and ch1 > ch0
+
+
 @pytest.mark.slow
 def test_find_all_devices_lists_usb_and_network_units():
     import socket
