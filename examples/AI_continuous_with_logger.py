@@ -2,7 +2,7 @@
 
 The logger writes from its own thread, so reading the stream never waits for the disk.
 
-Usage: python AI_continuous_with_logger.py [ADDRESS[:PORT] | SERIAL] [FILE.csv]
+Usage: python AI_continuous_with_logger.py [HANDLE] [ADDRESS[:PORT] | SERIAL] [FILE.csv]
 """
 import asyncio
 

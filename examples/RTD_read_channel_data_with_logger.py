@@ -1,13 +1,12 @@
 """RTD read channel data with logger: both RTD channels of a port, read ten times, each read
 logged as a row (time, CH0, CH1) to a CSV file.
 
-Usage: python RTD_read_channel_data_with_logger.py [SERIAL] [FILE.csv]    (default: the sample serial 21JA1385)
+Usage: python RTD_read_channel_data_with_logger.py [HANDLE] [SERIAL] [FILE.csv]    (default: the sample serial 21JA1385)
 """
 import asyncio
 import time
 
 import csv_log
-import pytorvik
 import target
 
 PORT, READS, PERIOD = 1, 10, 0.1
@@ -27,8 +26,7 @@ async def main(dev, logger):
     print("%d reads logged" % READS)
 
 
-dev = pytorvik.TorvikUsbRtd()
-dev.connect(target.parse("21JA1385")[0])
+dev = target.open_handle(None, "TorvikUsbRtd", "21JA1385")
 logger = csv_log.open_log("RTD_read_channel_data_with_logger.csv")
 try:
     asyncio.run(main(dev, logger))

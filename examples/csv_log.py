@@ -1,13 +1,15 @@
 """Shared by the logger examples: a DataLogger on the file named by the command line."""
-import sys
 import time
 
+import target
 from pytorvik import DataLogger
 
 
-def open_log(default_name, arg_index=2):
+def open_log(default_name):
+    """A logger on the file named after HANDLE and TARGET on the command line, else on `default_name`."""
     logger = DataLogger()
-    logger.Logger_openFile(sys.argv[arg_index] if len(sys.argv) > arg_index else default_name)
+    more = target.rest()
+    logger.Logger_openFile(more[0] if more else default_name)
     return logger
 
 

@@ -94,8 +94,5 @@ def loopback_ports(dev):
         di_port = sorted(ins)[sorted(outs).index(do_port)]
     return do_port, di_port, sorted(set(outs[do_port]) & set(ins[di_port]))
 def open_usb(usb_cls, default):
-    """A USB handle of `usb_cls`, connected to the serial number given in argv[1], else `default`."""
-    serial, _ = parse(default)
-    dev = getattr(pytorvik, usb_cls)()
-    dev.connect(serial)
-    return dev
+    """A USB handle of `usb_cls` (or of the HANDLE given), connected to the serial number given, else `default`."""
+    return open_handle(None, usb_cls, default)

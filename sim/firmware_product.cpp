@@ -37,9 +37,9 @@ std::size_t ProductFirmware::statusIndex(std::uint16_t code) const {
     if (SystemServices::isSystemCode(code) || NetworkSettings::isNetworkCode(code) || code == wire::REBOOT ||
         code == wire::REBOOT_ON_BOOTLOADER || code == wire::RESET_FACTORY)
         return 0;
+    if (Thermal::isThermalCode(code)) return Thermal::statusIndex(code);
     if (code == wire::SET_AO_FORM || code == wire::SET_AO_FORM_PARAM || code == wire::WRITE_I2C) return 3;
     if (code == wire::WRITE_UART || code == wire::WRITE_SPI) return 2;
-    if (Thermal::isThermalCode(code)) return Thermal::statusIndex(code);
     return 1;
 }
 

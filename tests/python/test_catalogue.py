@@ -146,3 +146,16 @@ def test_wifi_handle_guards_connect_and_disconnect(sim, make_handle, capsys):
         "Disconnected from %s (Torvik-Air-Analog)" % air.addr, "Closed handle (Torvik-Air-Analog)"]
     dev.ai_stream_thread.join(2)
     assert not dev.ai_stream_thread.is_alive() and dev.connect_status_cmd is False
+
+
+def test_readme_products_table_is_the_catalogue():
+    import importlib.util
+    import os
+    root = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..")
+    spec = importlib.util.spec_from_file_location("gen_products_table", os.path.join(root, "tools", "gen_products_table.py"))
+    gen = importlib.util.module_from_spec(spec)
+    spec.loader.exec_module(gen)
+    with open(os.path.join(root, "README.md")) as f:
+        readme = f.read()
+    begin = readme.index("\n", readme.index("<!-- products:begin")) + 1
+    assert readme[begin:readme.index("<!-- products:end -->")] == gen.table(), "run tools/gen_products_table.py"

@@ -72,6 +72,28 @@ def test_with_no_unit_the_list_is_empty_and_set_ip_fails_at_its_index(finder):
     assert isinstance(status, IndexError)
 
 
+@in_private_namespace
+@pytest.mark.slow
+def test_one_unit_is_found_and_moved_though_set_ip_fails_at_its_index(sim, finder):
+    unit = sim("TorvikLanLogic").unit
+    mac, new_addr, old_addr = mac_of(unit), simctl.loopback_addr(), unit.addr
+    found, status = run(both(finder.Bcst_enumerateNetworkDevices_async(),
+                             finder.Bcst_checkMACAndSetIP_async(new_addr, mac, "255.255.0.0")))
+    assert found == [[old_addr, "255.255.255.0", mac, "Torvik-LAN-Logic"]]
+    # One answer, [1, 0], seen three times: a set of one, and no entry at index 1.
+    assert isinstance(status, IndexError)
+    assert list(finder.data_pool_bcst[t.CHECK_MAC_AND_SET_IP]) == [b"\x01\x00"]
+    assert unit.refresh().addr == new_addr
+    assert connects(new_addr, unit.cmd_port) and not connects(old_addr, unit.cmd_port)
+    dev = t.TorvikLanLogic()
+    try:
+        dev.connect(new_addr, port=unit.cmd_port, verbose=False)
+        assert run(dev.Net_getIPAddrAndSubmask_async()) == [new_addr, "255.255.0.0"]
+    finally:
+        dev.disconnect(verbose=False)
+        dev.close()
+
+
 WORKED = [1, 192, 168, 1, 110, 255, 255, 255, 0, 0, 26, 43, 60, 77, 94] + list(b"Bench-Model")
 
 

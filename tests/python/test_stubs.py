@@ -38,3 +38,10 @@ def test_stubtest(tmp_path):
     r = subprocess.run([sys.executable, "-m", "mypy.stubtest", "pytorvik", "--concise", "--allowlist", str(allow),
                         "--ignore-unused-allowlist"], cwd=tmp_path, env=env, capture_output=True, text=True, timeout=300)
     assert r.returncode == 0, r.stdout + r.stderr
+
+
+def test_udev_rule_matches_the_units_ids():
+    with open(os.path.join(os.path.dirname(pytorvik.__file__), "60-torvik.rules")) as f:
+        rule = [line for line in f if line.startswith("SUBSYSTEM")]
+    assert rule and 'ATTRS{idVendor}=="%04x"' % pytorvik.USB_VID in rule[0] and \
+        'ATTRS{idProduct}=="%04x"' % pytorvik.USB_PID in rule[0]

@@ -242,6 +242,19 @@ def test_bad_arguments_fail_before_anything_is_sent(on, op, args, error):
     assert sent(unit) == []
 
 
+@pytest.mark.parametrize("op,extra", [
+    ("Thermal_setNoiseFilter_async", (0,)), ("Thermal_setType_async", (3,)), ("Thermal_getStatus_async", ()),
+    ("Thermal_readSensor_async", ()), ("_Thermal_readOffset_async", ()), ("_Thermal_writeOffset_async", (1.0,)),
+    ("_Thermal_loadOffset_async", ()), ("_Thermal_saveOffset_async", (1.0,)), ("Thermal_setOverSampling_async", (0,)),
+    ("Thermal_setJunctionOn_async", (True,)), ("_Thermal_readJunction_async", ()), ("_Thermal_writeJunction_async", (1.0,)),
+])
+def test_channel_2_is_refused_by_every_channel_operation(on, op, extra):
+    dev, unit = on("tc")
+    with pytest.raises(t.ThermalChipSelectNotAvaliableError):
+        run(getattr(dev, op)(1, 2, *extra))
+    assert sent(unit) == []
+
+
 # ---- relay counters --------------------------------------------------------------------------
 
 @pytest.fixture(scope="module")
