@@ -2,17 +2,15 @@
 
 The logger writes from its own thread, so reading the stream never waits for the disk.
 
-Usage: python AI_continuous_with_logger.py [ADDRESS[:PORT] | SERIAL] [FILE.csv]
+Usage: python AI_continuous_with_logger.py [HANDLE] [ADDRESS[:PORT] | SERIAL] [FILE.csv]
 """
 import asyncio
-import sys
 
 import ai_acquire
+import csv_log
 import target
-from pytorvik import DataLogger
 
 RATE, SECONDS = 1000, 2
-FILE = sys.argv[2] if len(sys.argv) > 2 else "AI_continuous_with_logger.csv"
 
 
 async def main(dev, logger):
@@ -30,18 +28,13 @@ async def main(dev, logger):
         frames = await dev.AI_readStreaming_async(port, -1, 0.25)
     await dev.AI_stop_async(port)
     await dev.AI_close_async(port)
-    # Rows still queued at the close are not written: let the logger catch up first.
-    while logger.save_data_queue.qsize():
-        await asyncio.sleep(0.05)
-    await asyncio.sleep(0.1)
     print("%d frames logged" % total)
 
 
 dev = target.open_handle("TorvikLanAnalog", "TorvikUsbAnalog", "192.168.1.110")
-logger = DataLogger()
-logger.Logger_openFile(FILE)
+logger = csv_log.open_log("AI_continuous_with_logger.csv")
 try:
     asyncio.run(main(dev, logger))
 finally:
-    logger.Logger_closeFile()
+    csv_log.close_log(logger)
     dev.close()

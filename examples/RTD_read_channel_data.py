@@ -1,11 +1,10 @@
 """RTD read channel data: both RTD channels of a port in 3-wire mode, read five times, a fifth of a second
 apart.
 
-Usage: python RTD_read_channel_data.py [SERIAL]    (default: the sample serial 21JA1385)
+Usage: python RTD_read_channel_data.py [HANDLE] [SERIAL]    (default: the sample serial 21JA1385)
 """
 import asyncio
 
-import pytorvik
 import target
 
 PORT, READS, PERIOD = 1, 5, 0.2
@@ -24,8 +23,7 @@ async def main(dev):
     print("close:", await dev.Thermal_close_async(PORT))
 
 
-dev = pytorvik.TorvikUsbRtd()
-dev.connect(target.parse("21JA1385")[0])
+dev = target.open_handle(None, "TorvikUsbRtd", "21JA1385")
 try:
     asyncio.run(main(dev))
 finally:

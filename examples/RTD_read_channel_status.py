@@ -1,11 +1,10 @@
 """RTD read channel status: the fault register of each RTD channel of a port (its bits are
 explained in the unit's manual; 0 means no fault).
 
-Usage: python RTD_read_channel_status.py [SERIAL]    (default: the sample serial 21JA1385)
+Usage: python RTD_read_channel_status.py [HANDLE] [SERIAL]    (default: the sample serial 21JA1385)
 """
 import asyncio
 
-import pytorvik
 import target
 
 PORT = 1
@@ -19,8 +18,7 @@ async def main(dev):
     print("close:", await dev.Thermal_close_async(PORT))
 
 
-dev = pytorvik.TorvikUsbRtd()
-dev.connect(target.parse("21JA1385")[0])
+dev = target.open_handle(None, "TorvikUsbRtd", "21JA1385")
 try:
     asyncio.run(main(dev))
 finally:

@@ -1,10 +1,9 @@
 """TC read channel data: both thermocouple channels of a port, read five times, a fifth of a second apart.
 
-Usage: python TC_read_channel_data.py [SERIAL]    (default: the sample serial 21JA1239)
+Usage: python TC_read_channel_data.py [HANDLE] [SERIAL]    (default: the sample serial 21JA1239)
 """
 import asyncio
 
-import pytorvik
 import target
 
 PORT, READS, PERIOD = 1, 5, 0.2
@@ -24,8 +23,7 @@ async def main(dev):
     print("close:", await dev.Thermal_close_async(PORT))
 
 
-dev = pytorvik.TorvikUsbThermo()
-dev.connect(target.parse("21JA1239")[0])
+dev = target.open_handle(None, "TorvikUsbThermo", "21JA1239")
 try:
     asyncio.run(main(dev))
 finally:

@@ -1,10 +1,9 @@
 """TC read channel status: whether each thermocouple channel of a port is wired or open.
 
-Usage: python TC_read_channel_status.py [SERIAL]    (default: the sample serial 21JA1239)
+Usage: python TC_read_channel_status.py [HANDLE] [SERIAL]    (default: the sample serial 21JA1239)
 """
 import asyncio
 
-import pytorvik
 import target
 
 PORT = 1
@@ -18,8 +17,7 @@ async def main(dev):
     print("close:", await dev.Thermal_close_async(PORT))
 
 
-dev = pytorvik.TorvikUsbThermo()
-dev.connect(target.parse("21JA1239")[0])
+dev = target.open_handle(None, "TorvikUsbThermo", "21JA1239")
 try:
     asyncio.run(main(dev))
 finally:

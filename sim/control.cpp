@@ -13,6 +13,7 @@
 #include <system_error>
 
 #include "control_analog.hpp"
+#include "control_bus.hpp"
 #include "control_firmware.hpp"
 #include "control_thermal.hpp"
 #include "options.hpp"
@@ -366,11 +367,13 @@ std::optional<std::string> ControlServer::execute(Client* client, const std::str
     }
     if (verb == "silent" || verb == "resume") {
         faults.setSilent(verb == "silent");
+        unit->uartSender().poke();  // what the serial ports held back goes out
         return "ok";
     }
     if (verb == "clear") {
         faults.clear();
         unit->sender().clearFaults();
+        clearBusFaults(*unit);
         return "ok";
     }
     if (verb == "discovery") {
@@ -451,6 +454,7 @@ std::optional<std::string> ControlServer::execute(Client* client, const std::str
     if (auto response = firmwareControl(*unit, w)) return *response;
     if (auto response = analogControl(*unit, w)) return *response;
     if (auto response = thermalControl(*unit, w)) return *response;
+    if (auto response = busControl(*unit, w)) return *response;
     throw BadRequest{"unknown request '" + verb + "'"};
 }
 

@@ -124,6 +124,39 @@
 //   relays SEL [N...]                  ok N...  each relay's switching count; given one count a
 //                                         relay, sets them first
 //
+// Serial buses (firmware_uart.hpp, firmware_i2c.hpp, firmware_spi.hpp, uart_sender.hpp); PORT is
+// the bus's port number as the host names it:
+//   uart SEL PORT                      ok open= reading= baud= data= parity= stop=
+//                                         loopback=off|paced|fast silent= stream=off|RATE|max
+//                                         line= buffered= burst= written= received= sent=
+//                                         payloads= lost= ignored= shortened=   (line: bytes on
+//                                         the wire; lost: arrived to a full buffer; ignored:
+//                                         arrived while not reading; shortened: payloads cut
+//                                         short against a false frame, all ports)
+//   uart SEL PORT loopback off|paced|fast   what the port writes comes back, at the baud rate
+//                                         or at once
+//   uart SEL PORT send HEX             the far end sends these bytes, at the baud rate
+//   uart SEL PORT stream RATE|max [bytes=N]  the far end sends the count 0, 1, .. 255, 0, .. at
+//                                         RATE bytes a second, or as fast as the link takes it;
+//                                         N bytes (default: no end), while the port reads
+//   uart SEL PORT stream off
+//   uart SEL PORT burst N              N bytes of the count at once, as fast as the link takes
+//                                         them, whatever the baud rate (overruns the host)
+//   uart SEL PORT silent on|off        the far end stops sending, loopback included
+//   i2c SEL PORT                       ok open= frequency= addrsize= eeprom=0xAA size= page=
+//                                         pointer= silent= nacks=
+//   i2c SEL PORT eeprom ADDR [size=N] [page=N]   a fresh EEPROM (erased, 0xFF) at 7-bit ADDR;
+//                                         default 0x50, 256 bytes, pages of 16
+//   i2c SEL PORT silent on|off         the EEPROM stops acknowledging: NACK (status 5)
+//   i2c SEL PORT memory FROM N         ok HEX   N bytes of the EEPROM from FROM
+//   spi SEL PORT                       ok open= device=loopback|pattern:HEX silent= transfers=
+//                                         mosi=HEX (the last transfer) datasize= firstbit=
+//                                         prescaler= cpol= cpha=
+//   spi SEL PORT loopback              MISO echoes MOSI (the default)
+//   spi SEL PORT pattern HEX           MISO answers HEX, repeated, from its start each transfer
+//   spi SEL PORT silent on|off         nothing answers: MISO reads 0xFF
+// "clear" also makes silent far ends speak again and drops pending bursts.
+//
 // Counters in "next=N", drop and dup count replies on their way out; a dropped reply is not counted
 // by the others. Setting one again replaces its count.
 #pragma once

@@ -25,16 +25,21 @@ ProductFirmware::ProductFirmware(const UnitIdentity& identity, UnitClock::Now no
       dio_(product_, pins_),
       ao_(product_, now),
       ai_(product_, now, &ao_),
-      thermal_(product_, std::move(now)),
-      relays_(product_, dio_) {}
+      thermal_(product_, now),
+      relays_(product_, dio_),
+      now_(std::move(now)),
+      uart_(product_),
+      i2c_(product_),
+      spi_(product_) {}
 
 std::size_t ProductFirmware::statusIndex(std::uint16_t code) const {
     if (code == wire::GET_PIN_MODE_OF_SLOT) return 1;
     if (SystemServices::isSystemCode(code) || NetworkSettings::isNetworkCode(code) || code == wire::REBOOT ||
         code == wire::REBOOT_ON_BOOTLOADER || code == wire::RESET_FACTORY)
         return 0;
-    if (code == wire::SET_AO_FORM || code == wire::SET_AO_FORM_PARAM) return 3;
     if (Thermal::isThermalCode(code)) return Thermal::statusIndex(code);
+    if (code == wire::SET_AO_FORM || code == wire::SET_AO_FORM_PARAM || code == wire::WRITE_I2C) return 3;
+    if (code == wire::WRITE_UART || code == wire::WRITE_SPI) return 2;
     return 1;
 }
 
@@ -43,6 +48,7 @@ std::vector<Frame> ProductFirmware::handle(const Request& request) {
         // Not answered; the analog ones start what they start.
         if (AnalogInput::isAiCode(request.code) && ai_.present()) ai_.handle(request.code, request.payload);
         if (AnalogOutput::isAoCode(request.code) && ao_.present()) ao_.handle(request.code, request.payload);
+        if (request.code == wire::START_UART_READING) uart_.handle(request.code, request.payload, now_());
         return {};
     }
     if (wire::isBroadcastCommand(request.code)) return {};
@@ -95,6 +101,12 @@ Bytes ProductFirmware::answer(std::uint16_t code, const Bytes& in) {
     if (AnalogOutput::isAoCode(code)) return ao_.present() ? analogOutput(code, in) : unknown;
     if (Thermal::isThermalCode(code)) return thermal_.present() ? thermalCommand(code, in) : unknown;
     if (RelayCounters::isRelayCode(code)) return relays_.present() ? relays_.handle(code, in) : unknown;
+    if (isAssigned(code) && Uart::isUartCode(code))
+        return uart_.present() ? bus(uart_, PinMode::UART, wire::OPEN_UART, wire::CLOSE_UART, Uart::kUartError, code, in) : unknown;
+    if (isAssigned(code) && I2c::isI2cCode(code))
+        return i2c_.present() ? bus(i2c_, PinMode::I2C, wire::OPEN_I2C, wire::CLOSE_I2C, I2c::kI2cError, code, in) : unknown;
+    if (isAssigned(code) && Spi::isSpiCode(code))
+        return spi_.present() ? bus(spi_, PinMode::SPI, wire::OPEN_SPI, wire::CLOSE_SPI, Spi::kSpiError, code, in) : unknown;
     // Modules still to be modelled acknowledge as the echo firmware does.
     if (isAssigned(code)) return portStatus(portOf(in), kOk);
     return unknown;
@@ -143,6 +155,34 @@ Bytes ProductFirmware::thermalCommand(std::uint16_t code, const Bytes& in) {
     return thermal_.handle(code, in);
 }
 
+namespace {
+// The models answer alike but for the UART's, which needs the time.
+Bytes handleBus(Uart& m, std::uint16_t code, const Bytes& in, UnitClock::Now& now) { return *m.handle(code, in, now()); }
+template <class Bus>
+Bytes handleBus(Bus& m, std::uint16_t code, const Bytes& in, UnitClock::Now&) { return m.handle(code, in); }
+}  // namespace
+
+template <class Bus>
+Bytes ProductFirmware::bus(Bus& model, PinMode mode, std::uint16_t open, std::uint16_t close, std::uint8_t refusal,
+                           std::uint16_t code, const Bytes& in) {
+    auto* port = in.empty() ? nullptr : model.port(in[0]);
+    const bool was_open = port && port->open;
+    if (code == open && port && !was_open) {
+        for (PinRef p : port->pins) {
+            const PinMode m = modeOf(p);
+            if (m != PinMode::Idle && m != PinMode::DI && m != PinMode::DO) return portStatus(in[0], refusal);
+        }
+    }
+    Bytes out = handleBus(model, code, in, now_);
+    if (port && out.size() == 2 && out[1] == kOk) {
+        if (code == open)
+            for (PinRef p : port->pins) setPinMode(p, mode);
+        if (code == close && was_open)
+            for (PinRef p : port->pins) setPinMode(p, PinMode::Idle);
+    }
+    return out;
+}
+
 PinMode ProductFirmware::modeOf(PinRef p) const {
     if (auto held = pins_.holder(p)) return *held;
     return dio_.freeMode(p);
@@ -187,6 +227,9 @@ void ProductFirmware::reboot() {
     ao_.reset();
     ai_.reset();
     thermal_.reset();
+    uart_.reset();
+    i2c_.reset();
+    spi_.reset();
 }
 
 void ProductFirmware::factoryReset() {

@@ -16,7 +16,10 @@
 //   - thermal codes (firmware_thermal.hpp): opening a port takes its pins into SPI mode (refused
 //     while another function holds one), closing frees them;
 //   - relay codes (firmware_relay.hpp), on the relay unit;
-//   - codes of the modules not modelled yet (buses): [port, 0];
+//   - bus codes (firmware_uart.hpp, firmware_i2c.hpp, firmware_spi.hpp): opening a bus port
+//     takes its pins into the bus's mode (refused with the bus's status while another function
+//     holds one), closing it frees them;
+//   - codes of the modules not modelled yet (CAN): [port, 0];
 //   - codes that start a stream, and discovery codes: no reply (the analog ones start what they
 //     start);
 //   - discovery broadcasts (network units, over UDP; requests carry 0 in front, answers 1):
@@ -35,11 +38,14 @@
 #include "firmware_ai.hpp"
 #include "firmware_ao.hpp"
 #include "firmware_dio.hpp"
+#include "firmware_i2c.hpp"
 #include "firmware_network.hpp"
 #include "firmware_pins.hpp"
 #include "firmware_relay.hpp"
+#include "firmware_spi.hpp"
 #include "firmware_system.hpp"
 #include "firmware_thermal.hpp"
+#include "firmware_uart.hpp"
 #include "firmware_wifi.hpp"
 
 namespace sim {
@@ -64,6 +70,9 @@ public:
     AnalogOutput& ao() { return ao_; }
     Thermal& thermal() { return thermal_; }
     RelayCounters& relays() { return relays_; }
+    Uart& uart() { return uart_; }
+    I2c& i2c() { return i2c_; }
+    Spi& spi() { return spi_; }
 
     // The mode GET_PIN_MODE_OF_SLOT reports for a pin.
     PinMode modeOf(PinRef p) const;
@@ -84,6 +93,11 @@ private:
     // Takes the pins into ADC mode; false, and nothing changes, if another function or digital
     // I/O holds one of them.
     bool takeAnalogPins(const std::vector<PinRef>& pins);
+    // A bus port's open and close move its pins: opening takes them into `mode` unless the port
+    // is open already; false, and nothing changes, if another function holds one of them.
+    template <class Bus>
+    Bytes bus(Bus& model, PinMode mode, std::uint16_t open, std::uint16_t close, std::uint8_t refusal,
+              std::uint16_t code, const Bytes& payload);
 
     const torvik::products::Product& product_;
     SystemServices system_;
@@ -95,6 +109,10 @@ private:
     AnalogInput ai_;  // after ao_, which it may read
     Thermal thermal_;
     RelayCounters relays_;  // after dio_, which it watches
+    UnitClock::Now now_;
+    Uart uart_;
+    I2c i2c_;
+    Spi spi_;
 };
 
 }  // namespace sim

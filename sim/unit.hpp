@@ -21,6 +21,7 @@
 #include "stream_sender.hpp"
 #include "tcp.hpp"
 #include "transport.hpp"
+#include "uart_sender.hpp"
 #include "traffic_log.hpp"
 
 namespace sim {
@@ -71,6 +72,8 @@ public:
     TrafficLog& log() { return log_; }
     // What sends the analog input stream of the firmware.
     StreamSender& sender() { return *sender_; }
+    // What sends the bytes its serial ports receive.
+    UartSender& uartSender() { return *uart_sender_; }
     const Counters& counters() const { return counters_; }
     std::size_t junk() const;
 
@@ -133,6 +136,7 @@ private:
     unsigned broadcast_copies_ = 1;
     EventLoop::TimerId outbox_timer_ = 0;
     std::unique_ptr<StreamSender> sender_;  // last: it goes first, with its timer
+    std::unique_ptr<UartSender> uart_sender_;
 };
 
 }  // namespace sim

@@ -54,6 +54,9 @@ struct HostOpen {
     std::deque<Urb*> pending_in;  // IN URBs waiting for data
     std::deque<Urb*> reapable;    // completed, not yet reaped
     std::deque<Bytes> in_packets; // packets the unit sent, waiting for an IN URB
+    const void* key = nullptr;    // the client, as events name this open
+    // Sends of the unit's link pushed so far, and the last one whose packets were all taken.
+    std::uint64_t pushed = 0, drained = 0;
 };
 
 class Bus;
@@ -79,10 +82,11 @@ struct Device {
 
 // What the handler thread tells the event loop.
 struct Event {
-    enum class Kind { Open, Data, Close } kind;
+    enum class Kind { Open, Data, Close, Drained } kind;
     Device* device;  // the bus keeps every device
     const void* open;
     Bytes bytes;
+    std::uint64_t sends = 0;  // Drained: the host took the packets of this many sends
 };
 
 Bytes deviceDescriptor() {
@@ -209,10 +213,18 @@ public:
     Channel channel() const override { return Channel::Cmd; }
     bool writable() const override { return !finished_ && !unplugged_; }
     void send(std::span<const std::uint8_t> bytes) override;
+    // Bytes sent whose packets the host has not all taken yet, so that a stream waits for its drain.
+    std::size_t backlog() const override { return queued_; }
     void finish() override { finished_ = true; }
     void abort() override;
 
     void unplugged() { unplugged_ = true; }
+    // The host took every packet of the first `sends` sends: true if none is left.
+    bool drained(std::uint64_t sends) {
+        if (sends != sends_ || queued_ == 0) return false;
+        queued_ = 0;
+        return true;
+    }
     const Device* device() const { return device_.get(); }
     const void* openKey() const { return open_; }
 
@@ -223,6 +235,8 @@ private:
     std::uint64_t id_;
     bool finished_ = false;
     bool unplugged_ = false;
+    std::size_t queued_ = 0;
+    std::uint64_t sends_ = 0;
 };
 
 // ---- handler thread: URBs ---------------------------------------------------------------------
@@ -265,6 +279,10 @@ void pump(Device& d, HostOpen& open) {
             if (short_packet) break;
         }
         finishUrb(open, urb, 0, static_cast<int>(filled));
+    }
+    if (open.in_packets.empty() && open.drained != open.pushed) {
+        open.drained = open.pushed;
+        d.bus->post(Event{Event::Kind::Drained, &d, open.key, {}, open.pushed});
     }
     updateFlow(d);
 }
@@ -314,6 +332,7 @@ gboolean onIoctl(UMockdevIoctlBase*, UMockdevIoctlClient* client, gpointer user)
     UMockdevIoctlData* arg = umockdev_ioctl_client_get_arg(client);
     std::lock_guard lock(bus.m_);
     HostOpen& open = d->opens[client];
+    open.key = client;
 
     // After an unplug the kernel still lets the host reap; everything else fails.
     if (d->gone && request != USBDEVFS_REAPURBNDELAY && request != USBDEVFS_REAPURB) return fail(client, ENODEV);
@@ -466,7 +485,7 @@ void onClientConnected(UMockdevIoctlBase*, UMockdevIoctlClient* client, gpointer
     d->bus->noteHandlerThread();
     {
         std::lock_guard lock(d->bus->m_);
-        d->opens.try_emplace(client);
+        d->opens.try_emplace(client).first->second.key = client;
     }
     g_object_weak_ref(G_OBJECT(client), onClientGone, user);
     d->bus->post(Event{Event::Kind::Open, d, client, {}});
@@ -689,6 +708,11 @@ void Port::handle(Event& e) {
             events_.linkClosed(*doomed);
             break;
         }
+        case Event::Kind::Drained: {
+            UsbLink* link = byOpen(e.device, e.open);
+            if (link && link->drained(e.sends)) events_.linkDrained(*link);
+            break;
+        }
     }
 }
 
@@ -730,10 +754,13 @@ void UsbLink::send(std::span<const std::uint8_t> bytes) {
     auto packets = toPackets(bytes);
     Device* d = device_.get();
     const void* key = open_;
+    queued_ += bytes.size();
+    const std::uint64_t sends = ++sends_;
     port_.bus().onHandlerThread(
-        [d, key, packets = std::move(packets)]() mutable {
+        [d, key, sends, packets = std::move(packets)]() mutable {
             auto it = d->opens.find(key);
             if (it == d->opens.end() || d->gone) return;
+            it->second.pushed = sends;
             for (auto& p : packets) it->second.in_packets.push_back(std::move(p));
             pump(*d, it->second);
         },
