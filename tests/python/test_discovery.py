@@ -68,10 +68,10 @@ def frame(code, payload):
 
 
 @in_private_namespace
-def test_units_answer_requests_alone_and_the_one_with_the_mac_restarts(sim):
+def test_units_answer_requests_alone_and_the_one_with_the_mac_restarts_or_moves(sim):
     # Raw datagrams, before this module's finder takes the answer port.
-    s = sim("TorvikLanLogic", "TorvikLanRelay")
-    quiet, unit = s.units
+    s = sim("TorvikLanLogic", "TorvikLanRelay", "TorvikAirAnalog")
+    quiet, unit, air = s.units
     quiet.discovery(copies=0)
     unit.set_pin_mode(0, 0, "DO")
     mac = [int(b, 16) for b in mac_of(unit).split(":")]
@@ -94,12 +94,29 @@ def test_units_answer_requests_alone_and_the_one_with_the_mac_restarts(sim):
 
         assert ask(t.GET_DEVICE_INFO, [1]) == []  # another unit's answer
         info = [int(b) for b in unit.addr.split(".")] + [255, 255, 255, 0] + mac + list(b"Torvik-LAN-Relay")
-        assert ask(t.GET_DEVICE_INFO, [0]) == [frame(t.GET_DEVICE_INFO, [1] + info)]
+        answers = ask(t.GET_DEVICE_INFO, [0])  # the relay unit and the Wi-Fi unit; the quiet one is silent
+        assert len(answers) == 2 and frame(t.GET_DEVICE_INFO, [1] + info) in answers
         assert ask(t.CHECK_MAC_AND_REBOOT, [0] + mac[:5] + [mac[5] ^ 1]) == []
         assert unit.pin_modes(0)[0] == "DO"
         assert ask(t.CHECK_MAC_AND_REBOOT, [0] + mac) == [frame(t.CHECK_MAC_AND_REBOOT, [1, 1, 0])]
         assert unit.pin_modes(0)[0] == "Idle"
-    assert [u.discovery()["heard"] for u in s.units] == [4, 4]
+
+        # A Wi-Fi unit moves both its connections; an address that is no host's is refused.
+        old_addr, new_addr = air.addr, simctl.loopback_addr()
+        bad = [int(b) for b in new_addr.split(".")[:3]] + [255]
+        amac = [int(b, 16) for b in mac_of(air).split(":")]
+        assert ask(t.CHECK_MAC_AND_SET_IP, [0] + bad + [255, 255, 255, 0] + amac) == \
+            [frame(t.CHECK_MAC_AND_SET_IP, [1, 1, 11])]
+        assert air.refresh().addr == old_addr
+        new = [int(b) for b in new_addr.split(".")]
+        assert ask(t.CHECK_MAC_AND_SET_IP, [0] + new + [255, 255, 0, 0] + amac) == \
+            [frame(t.CHECK_MAC_AND_SET_IP, [1, 1, 0])]
+        assert air.refresh().addr == new_addr
+    for port in (air.cmd_port, air.data_port):
+        socket.create_connection((new_addr, port), timeout=2).close()
+        with pytest.raises(ConnectionRefusedError):
+            socket.create_connection((old_addr, port), timeout=2)
+    assert [u.discovery()["heard"] for u in s.units] == [6, 6, 6]
 
 
 @in_private_namespace
