@@ -63,6 +63,62 @@ def connects(addr, port):
         dev.close()
 
 
+def frame(code, payload):
+    return b"\x02" + (len(payload) + 1).to_bytes(2, "big") + bytes([code]) + bytes(payload) + b"\r\n"
+
+
+@in_private_namespace
+def test_units_answer_requests_alone_and_the_one_with_the_mac_restarts_or_moves(sim):
+    # Raw datagrams, before this module's finder takes the answer port.
+    s = sim("TorvikLanLogic", "TorvikLanRelay", "TorvikAirAnalog")
+    quiet, unit, air = s.units
+    quiet.discovery(copies=0)
+    unit.set_pin_mode(0, 0, "DO")
+    mac = [int(b, 16) for b in mac_of(unit).split(":")]
+    gc.collect()  # a finder of an earlier test may still hold the port until it is gone
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as rx, \
+            socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as tx:
+        rx.bind(("127.0.0.1", t.UDP_RECV_PORT))
+        rx.settimeout(0.3)
+        tx.setsockopt(socket.SOL_SOCKET, socket.SO_BROADCAST, 1)
+        tx.bind(("127.0.0.1", 0))
+
+        def ask(code, payload):
+            tx.sendto(frame(code, payload), ("255.255.255.255", t.UDP_SEND_PORT))
+            got = []
+            try:
+                while True:
+                    got.append(rx.recv(512))
+            except socket.timeout:
+                return got
+
+        assert ask(t.GET_DEVICE_INFO, [1]) == []  # another unit's answer
+        info = [int(b) for b in unit.addr.split(".")] + [255, 255, 255, 0] + mac + list(b"Torvik-LAN-Relay")
+        answers = ask(t.GET_DEVICE_INFO, [0])  # the relay unit and the Wi-Fi unit; the quiet one is silent
+        assert len(answers) == 2 and frame(t.GET_DEVICE_INFO, [1] + info) in answers
+        assert ask(t.CHECK_MAC_AND_REBOOT, [0] + mac[:5] + [mac[5] ^ 1]) == []
+        assert unit.pin_modes(0)[0] == "DO"
+        assert ask(t.CHECK_MAC_AND_REBOOT, [0] + mac) == [frame(t.CHECK_MAC_AND_REBOOT, [1, 1, 0])]
+        assert unit.pin_modes(0)[0] == "Idle"
+
+        # A Wi-Fi unit moves both its connections; an address that is no host's is refused.
+        old_addr, new_addr = air.addr, simctl.loopback_addr()
+        bad = [int(b) for b in new_addr.split(".")[:3]] + [255]
+        amac = [int(b, 16) for b in mac_of(air).split(":")]
+        assert ask(t.CHECK_MAC_AND_SET_IP, [0] + bad + [255, 255, 255, 0] + amac) == \
+            [frame(t.CHECK_MAC_AND_SET_IP, [1, 1, 11])]
+        assert air.refresh().addr == old_addr
+        new = [int(b) for b in new_addr.split(".")]
+        assert ask(t.CHECK_MAC_AND_SET_IP, [0] + new + [255, 255, 0, 0] + amac) == \
+            [frame(t.CHECK_MAC_AND_SET_IP, [1, 1, 0])]
+        assert air.refresh().addr == new_addr
+    for port in (air.cmd_port, air.data_port):
+        socket.create_connection((new_addr, port), timeout=2).close()
+        with pytest.raises(ConnectionRefusedError):
+            socket.create_connection((old_addr, port), timeout=2)
+    assert [u.discovery()["heard"] for u in s.units] == [6, 6, 6]
+
+
 @in_private_namespace
 @pytest.mark.slow
 def test_with_no_unit_the_list_is_empty_and_set_ip_fails_at_its_index(finder):
