@@ -16,7 +16,6 @@ namespace py = pybind11;
 
 void bindConstants(py::module_& m);
 void bindCatalogue(py::module_& m, const std::string& examples_folder);
-std::string packageFolder();
 void bindErrors(py::module_& m);
 void bindConvert(py::module_& m);
 void bindClient(py::module_& m);

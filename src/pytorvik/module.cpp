@@ -1,5 +1,3 @@
-#include <dlfcn.h>
-
 #include <string>
 
 #include "aio/op.hpp"
@@ -23,16 +21,6 @@ py::module_* g_module = nullptr;  // leaked: threads may use it during shutdown
 
 py::module_& moduleObject() { return *g_module; }
 
-// The folder of the package, found from this shared object (its __file__ is not set yet while
-// the module initialises).
-std::string packageFolder() {
-    Dl_info info{};
-    if (dladdr(reinterpret_cast<void*>(&packageFolder), &info) == 0 || !info.dli_fname) return "examples";
-    std::string path = info.dli_fname;
-    auto slash = path.rfind('/');
-    return slash == std::string::npos ? std::string(".") : path.substr(0, slash);
-}
-
 }  // namespace torvik::py_binding
 
 namespace tb = torvik::py_binding;
@@ -44,7 +32,10 @@ PYBIND11_MODULE(pytorvik, m) {
     m.doc() = "Host-side driver library for Torvik data-acquisition units.";
     m.attr("__version__") = TORVIK_VERSION;
     tb::bindConstants(m);
-    tb::bindCatalogue(m, tb::packageFolder() + "/examples");
+    // Installed with the package into the environment's shared data.
+    tb::bindCatalogue(m, py::module_::import("os.path")
+                             .attr("join")(py::module_::import("sys").attr("prefix"), "share", "pytorvik", "examples")
+                             .cast<std::string>());
     tb::bindErrors(m);
     tb::registerTranslators();
     tb::bindConvert(m);

@@ -62,7 +62,10 @@ def test_example_on_handle(units, tmp_path, handle, example):
     target = units.target(handle)
     argv = [sys.executable, path, handle] + ([target] if target else [])
     # In a directory of its own: the logger examples write their file where they run.
-    r = subprocess.run(argv, capture_output=True, text=True, timeout=60, cwd=tmp_path)
+    env = dict(os.environ)
+    if env.get("PYTHONPATH"):  # the example runs elsewhere: a relative path would point nowhere
+        env["PYTHONPATH"] = os.pathsep.join(os.path.abspath(p) for p in env["PYTHONPATH"].split(os.pathsep))
+    r = subprocess.run(argv, capture_output=True, text=True, timeout=60, cwd=tmp_path, env=env)
     error = EXPECTED_ERRORS.get((handle, example))
     if error:
         assert r.returncode == 1 and r.stderr.startswith(error + ": "), r.stdout + r.stderr
