@@ -13,6 +13,7 @@
 #include <system_error>
 
 #include "control_analog.hpp"
+#include "control_can.hpp"
 #include "control_firmware.hpp"
 #include "options.hpp"
 #include "wire/commands.hpp"
@@ -370,6 +371,7 @@ std::optional<std::string> ControlServer::execute(Client* client, const std::str
     if (verb == "clear") {
         faults.clear();
         unit->sender().clearFaults();
+        unit->canSender().clearFaults();
         return "ok";
     }
     if (verb == "log") return "ok " + unit->log().json();
@@ -445,6 +447,7 @@ std::optional<std::string> ControlServer::execute(Client* client, const std::str
     }
     if (auto response = firmwareControl(*unit, w)) return *response;
     if (auto response = analogControl(*unit, w)) return *response;
+    if (auto response = canControl(*unit, w)) return *response;
     throw BadRequest{"unknown request '" + verb + "'"};
 }
 

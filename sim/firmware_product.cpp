@@ -23,7 +23,8 @@ ProductFirmware::ProductFirmware(const UnitIdentity& identity, UnitClock::Now no
       pins_(product_),
       dio_(product_, pins_),
       ao_(product_, now),
-      ai_(product_, std::move(now), &ao_) {}
+      ai_(product_, std::move(now), &ao_),
+      can_(product_) {}
 
 std::size_t ProductFirmware::statusIndex(std::uint16_t code) const {
     if (code == wire::GET_PIN_MODE_OF_SLOT) return 1;
@@ -39,6 +40,7 @@ std::vector<Frame> ProductFirmware::handle(const Request& request) {
         // Not answered; the analog ones start what they start.
         if (AnalogInput::isAiCode(request.code) && ai_.present()) ai_.handle(request.code, request.payload);
         if (AnalogOutput::isAoCode(request.code) && ao_.present()) ao_.handle(request.code, request.payload);
+        if (CanController::isCanCode(request.code) && can_.present()) can_.handle(request.code, request.payload);
         return {};
     }
     if (wire::isBroadcastCommand(request.code)) return {};
@@ -60,6 +62,7 @@ Bytes ProductFirmware::answer(std::uint16_t code, const Bytes& in) {
     if (DigitalIo::isDioCode(code)) return dio_.present() ? dio_.handle(code, in) : unknown;
     if (AnalogInput::isAiCode(code)) return ai_.present() ? analogInput(code, in) : unknown;
     if (AnalogOutput::isAoCode(code)) return ao_.present() ? analogOutput(code, in) : unknown;
+    if (CanController::isCanCode(code) && can_.present()) return canBus(code, in);
     // Modules still to be modelled acknowledge as the echo firmware does.
     if (isAssigned(code)) return portStatus(portOf(in), kOk);
     return unknown;
@@ -87,6 +90,21 @@ Bytes ProductFirmware::analogOutput(std::uint16_t code, const Bytes& in) {
     Bytes out = *ao_.handle(code, in);
     if (code == wire::CLOSE_AO && out.size() == 2 && out[1] == kOk)
         for (PinRef p : ao_.pins(in[0])) setPinMode(p, PinMode::Idle);
+    return out;
+}
+
+Bytes ProductFirmware::canBus(std::uint16_t code, const Bytes& in) {
+    const bool port_ok = in.size() == 1 && can_.isPort(in[0]);
+    if (code == wire::OPEN_CAN && port_ok) {
+        // Free pins and digital ones go to the controller; a pin another function holds refuses.
+        const auto pins = can_.pins(in[0]);
+        for (PinRef p : pins)
+            if (auto held = pins_.holder(p); held && *held != PinMode::CAN) return portStatus(in[0], CanController::kCanError);
+        for (PinRef p : pins) setPinMode(p, PinMode::CAN);
+    }
+    Bytes out = *can_.handle(code, in);
+    if (code == wire::CLOSE_CAN && port_ok && out.size() == 2 && out[1] == kOk)
+        for (PinRef p : can_.pins(in[0])) setPinMode(p, PinMode::Idle);
     return out;
 }
 
@@ -133,6 +151,7 @@ void ProductFirmware::reboot() {
     dio_.reboot();
     ao_.reset();
     ai_.reset();
+    can_.reset();
 }
 
 void ProductFirmware::factoryReset() {

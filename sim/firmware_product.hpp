@@ -13,7 +13,9 @@
 //   - analog input and output codes (firmware_ai.hpp, firmware_ao.hpp): [port, ...]; opening an
 //     analog port takes its pins into ADC mode (refused while another function or digital I/O
 //     holds one), closing the output frees them again;
-//   - codes of the modules not modelled yet (buses, thermal, relay): [port, 0];
+//   - CAN codes (firmware_can.hpp): [port, ...]; opening the port takes its pins into CAN mode
+//     (refused, 18, while another function holds one), closing frees them;
+//   - codes of the modules not modelled yet (other buses, thermal, relay): [port, 0];
 //   - codes that start a stream, and discovery codes: no reply (the analog ones start what they
 //     start);
 //   - codes of a module the product lacks, and unassigned codes: [port, 23].
@@ -24,6 +26,7 @@
 #include "firmware.hpp"
 #include "firmware_ai.hpp"
 #include "firmware_ao.hpp"
+#include "firmware_can.hpp"
 #include "firmware_dio.hpp"
 #include "firmware_network.hpp"
 #include "firmware_pins.hpp"
@@ -49,6 +52,7 @@ public:
     WifiRadio& wifi() { return wifi_; }
     AnalogInput& ai() { return ai_; }
     AnalogOutput& ao() { return ao_; }
+    CanController& can() { return can_; }
 
     // The mode GET_PIN_MODE_OF_SLOT reports for a pin.
     PinMode modeOf(PinRef p) const;
@@ -65,6 +69,7 @@ private:
     Bytes pinModes(std::uint8_t port) const;
     Bytes analogInput(std::uint16_t code, const Bytes& payload);
     Bytes analogOutput(std::uint16_t code, const Bytes& payload);
+    Bytes canBus(std::uint16_t code, const Bytes& payload);
     // Takes the pins into ADC mode; false, and nothing changes, if another function or digital
     // I/O holds one of them.
     bool takeAnalogPins(const std::vector<PinRef>& pins);
@@ -77,6 +82,7 @@ private:
     DigitalIo dio_;
     AnalogOutput ao_;
     AnalogInput ai_;  // after ao_, which it may read
+    CanController can_;
 };
 
 }  // namespace sim

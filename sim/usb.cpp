@@ -54,6 +54,9 @@ struct HostOpen {
     std::deque<Urb*> pending_in;  // IN URBs waiting for data
     std::deque<Urb*> reapable;    // completed, not yet reaped
     std::deque<Bytes> in_packets; // packets the unit sent, waiting for an IN URB
+    const void* key = nullptr;    // its key in Device::opens
+    // Bytes of in_packets, read by the unit's link on the event loop's thread.
+    std::shared_ptr<std::atomic<std::size_t>> backlog = std::make_shared<std::atomic<std::size_t>>(0);
 };
 
 class Bus;
@@ -79,10 +82,11 @@ struct Device {
 
 // What the handler thread tells the event loop.
 struct Event {
-    enum class Kind { Open, Data, Close } kind;
+    enum class Kind { Open, Data, Close, Drained } kind;
     Device* device;  // the bus keeps every device
     const void* open;
     Bytes bytes;
+    std::shared_ptr<std::atomic<std::size_t>> backlog = {};  // Open only
 };
 
 Bytes deviceDescriptor() {
@@ -202,13 +206,15 @@ private:
 
 class UsbLink final : public Link {
 public:
-    UsbLink(Port& port, std::shared_ptr<Device> device, const void* open, std::uint64_t id)
-        : port_(port), device_(std::move(device)), open_(open), id_(id) {}
+    UsbLink(Port& port, std::shared_ptr<Device> device, const void* open, std::uint64_t id,
+            std::shared_ptr<std::atomic<std::size_t>> backlog)
+        : port_(port), device_(std::move(device)), open_(open), id_(id), backlog_(std::move(backlog)) {}
 
     std::uint64_t id() const override { return id_; }
     Channel channel() const override { return Channel::Cmd; }
     bool writable() const override { return !finished_ && !unplugged_; }
     void send(std::span<const std::uint8_t> bytes) override;
+    std::size_t backlog() const override { return backlog_ ? backlog_->load() : 0; }
     void finish() override { finished_ = true; }
     void abort() override;
 
@@ -221,6 +227,7 @@ private:
     std::shared_ptr<Device> device_;
     const void* open_;
     std::uint64_t id_;
+    std::shared_ptr<std::atomic<std::size_t>> backlog_;
     bool finished_ = false;
     bool unplugged_ = false;
 };
@@ -257,10 +264,13 @@ void pump(Device& d, HostOpen& open) {
             std::memcpy(urb->buf->data + filled, p.data(), n);
             filled += n;
             if (n < p.size()) {  // the rest waits for the next URB
+                open.backlog->fetch_sub(n);
                 p.erase(p.begin(), p.begin() + static_cast<std::ptrdiff_t>(n));
                 break;
             }
             const bool short_packet = p.size() < kPacket;
+            // The host took everything the unit had queued: a stream may send more.
+            if (open.backlog->fetch_sub(p.size()) == p.size()) d.bus->post(Event{Event::Kind::Drained, &d, open.key, {}});
             open.in_packets.pop_front();
             if (short_packet) break;
         }
@@ -466,10 +476,15 @@ void onClientConnected(UMockdevIoctlBase*, UMockdevIoctlClient* client, gpointer
     d->bus->noteHandlerThread();
     {
         std::lock_guard lock(d->bus->m_);
-        d->opens.try_emplace(client);
+        d->opens.try_emplace(client).first->second.key = client;
     }
     g_object_weak_ref(G_OBJECT(client), onClientGone, user);
-    d->bus->post(Event{Event::Kind::Open, d, client, {}});
+    std::shared_ptr<std::atomic<std::size_t>> backlog;
+    {
+        std::lock_guard lock(d->bus->m_);
+        backlog = d->opens[client].backlog;
+    }
+    d->bus->post(Event{Event::Kind::Open, d, client, {}, std::move(backlog)});
 }
 
 // ---- the bus ----------------------------------------------------------------------------------
@@ -581,6 +596,7 @@ void Bus::detach(Device& d) {
                 for (Urb* u : open.pending_in) finishUrb(open, u, -ENODEV, 0);
                 open.pending_in.clear();
                 open.in_packets.clear();
+                open.backlog->store(0);
             }
             if (d.pty_master >= 0) {
                 tcflow(d.pty_slave, TCOON);
@@ -669,7 +685,7 @@ void Port::handle(Event& e) {
         case Event::Kind::Open: {
             auto it = std::find_if(devices_.begin(), devices_.end(), [&](auto& d) { return d.get() == e.device; });
             if (it == devices_.end()) break;
-            links_.push_back(std::make_unique<UsbLink>(*this, *it, e.open, ++accepted_));
+            links_.push_back(std::make_unique<UsbLink>(*this, *it, e.open, ++accepted_, e.backlog));
             if (*it != device_) links_.back()->unplugged();
             events_.linkOpened(*links_.back());
             break;
@@ -680,6 +696,9 @@ void Port::handle(Event& e) {
             if (UsbLink* link = byOpen(e.device, e.open)) events_.linkReceived(*link, e.bytes);
             break;
         }
+        case Event::Kind::Drained:
+            if (UsbLink* link = byOpen(e.device, e.open)) events_.linkDrained(*link);
+            break;
         case Event::Kind::Close: {
             auto it = std::find_if(links_.begin(), links_.end(),
                                    [&](auto& l) { return l->device() == e.device && l->openKey() == e.open; });
@@ -728,6 +747,9 @@ std::string Port::statsFields() const {
 void UsbLink::send(std::span<const std::uint8_t> bytes) {
     if (!writable() || bytes.empty()) return;
     auto packets = toPackets(bytes);
+    std::size_t total = 0;
+    for (const auto& p : packets) total += p.size();
+    if (backlog_) backlog_->fetch_add(total);
     Device* d = device_.get();
     const void* key = open_;
     port_.bus().onHandlerThread(
@@ -746,7 +768,10 @@ void UsbLink::abort() {
     const void* key = open_;
     port_.bus().onHandlerThread(
         [d, key] {
-            if (auto it = d->opens.find(key); it != d->opens.end()) it->second.in_packets.clear();
+            if (auto it = d->opens.find(key); it != d->opens.end()) {
+                it->second.in_packets.clear();
+                it->second.backlog->store(0);
+            }
         },
         false);
 }
