@@ -2,6 +2,8 @@
 the emulated bus between units and its tester node, acceptance filters, the stream with its faults."""
 import asyncio
 import threading
+import time
+import warnings
 
 import pytest
 
@@ -211,3 +213,136 @@ def test_bad_length_payload_ends_the_worker(can_units, monkeypatch):
     got = run(go())
     assert not dev.can_stream_thread.is_alive() and got == []
     assert seen == [(ValueError, "cannot reshape array of size 17 into shape (12)")]
+
+
+# ---- over TCP: a network unit running TorvikUsbCan's firmware, and the module on an ETHDevice ----
+
+class LanCan(t.ETHDevice, t.SystemModule, t.CANModule):
+    """TorvikUsbCan's CAN path over a network connection."""
+
+
+CAN_DICT = {1: PINS}
+
+
+@pytest.fixture(scope="module")
+def lan_unit():
+    import simctl
+    with simctl.Sim(simctl.unit_spec("TorvikLanLogic", cmd_port=0)) as s:
+        s.unit.use_firmware("model", "TorvikUsbCan")
+        yield s.unit
+
+
+@pytest.fixture
+def lan(lan_unit):
+    lan_unit.use_firmware("model", "TorvikUsbCan")
+    lan_unit.clear_faults()
+    dev = LanCan(verbose=False)
+    t.CANModule.__init__(dev, CAN_DICT)
+    dev.connect(lan_unit.addr, port=lan_unit.cmd_port, verbose=False)
+    lan_unit.wait_connected()
+    lan_unit.clear_log()
+    yield dev, lan_unit
+    dev.disconnect(verbose=False)
+    dev.close(verbose=False)
+    dev._CAN_free()
+    dev.can_stream_thread.join(2)
+
+
+def test_a_burst_past_the_queue_bound_drops_one_warning_a_frame(lan):
+    dev, unit = lan
+    assert run(dev.CAN_open_async(1)) == 0
+    with warnings.catch_warnings(record=True) as caught:
+        warnings.simplefilter("always")
+        unit.can_burst(1000050)
+        deadline = time.monotonic() + 30
+        while time.monotonic() < deadline and (unit.can_state()["sent"] < 1000050 or len(caught) < 50):
+            time.sleep(0.05)
+        time.sleep(0.1)
+        overflows = [w for w in caught if "Occurrence CAN queue overflow." in str(w.message)]
+    q = dev.can_frame_queue
+    assert q.qsize() == 1000000 and len(overflows) == 50
+    first = q.get_nowait()
+    assert isinstance(first, t.CANFrame) and first.data == [0] * 8  # the burst counts from 0
+    assert int.from_bytes(bytes(run(dev.CAN_read_async(1, -1, 0))[-1].data), "big") == 999999
+
+
+# Identifier words worked out by hand, with bits the frame's fields do not keep: what a read gives
+# must be what fromU8List gives, field by field and in the constructor's order.
+RAW = [
+    ([0x24, 0x60, 0x00, 0x00], (0x123, 0, 0), [0x24, 0x60, 0, 0]),
+    ([0x24, 0x67, 0xAB, 0xCD], (0x123, 0, 0), [0x24, 0x60, 0, 0]),          # a standard frame's low bits are dropped
+    ([0xFF, 0xF0, 0x00, 0x00], (0x7FF, 0, 1), [0xFF, 0xF0, 0, 0]),          # largest standard, remote
+    ([0xFF, 0xEF, 0xFF, 0xFF], (0x1FFFFFFF, 1, 0), [0xFF, 0xEB, 0xFF, 0xFF]),  # bit 18 does not come back
+    ([0x00, 0x18, 0x00, 0x01], (1, 1, 1), [0x00, 0x18, 0x00, 0x01]),
+]
+
+
+def test_read_frames_equal_what_from_u8_list_builds(lan):
+    dev, unit = lan
+    rows = [word + [i, 0xFF, 0, 0, 0, 0, 0, i] for i, (word, _, _) in enumerate(RAW)]
+
+    async def go():
+        assert await dev.CAN_open_async(1) == 0
+        unit.send_frame(t.START_CAN, b"\x01\x00" + b"".join(bytes(r) for r in rows))
+        return await read_until(dev, len(rows))
+
+    got = run(go())
+    for frame, row, (word, fields, again) in zip(got, rows, RAW):
+        want = t.CANFrame.fromU8List(row)
+        assert type(frame) is t.CANFrame and vars(frame) == vars(want) and list(vars(frame)) == list(vars(want))
+        assert (frame.id, frame.id_format, frame.remote) == fields and frame.id_in_list == again
+        assert frame.frame_in_list == again + row[4:] and str(frame) == str(want)
+    assert len(got) == len(rows)
+
+
+def test_a_replaced_operation_of_the_class_is_honoured(lan, monkeypatch):
+    dev, unit = lan
+    original = t.CANFrame.setID
+    calls = []
+
+    def set_id(self):
+        calls.append(self.id)
+        original(self)
+
+    monkeypatch.setattr(t.CANFrame, "setID", set_id)
+
+    async def go():
+        assert await dev.CAN_open_async(1) == 0
+        unit.send_frame(t.START_CAN, b"\x01\x00" + bytes([0x24, 0x60, 0, 0] + [7] * 8))
+        return await read_until(dev, 1)
+
+    [frame] = run(go())
+    assert calls == [0x123] and frame.data == [7] * 8
+
+
+OPS = {  # operation: valid arguments after the port
+    "CAN_open_async": (), "CAN_close_async": (), "CAN_start_async": (), "CAN_stop_async": (),
+    "CAN_write_async": (0x10, [1]), "CAN_read_async": (1,), "CAN_setSpeed_async": (1,),
+    "CAN_setRXFilteringOn_async": (True,), "CAN_setRXFilterOrMask_async": (0, 0x10, []),
+    "_CAN_setEnableInterrupt_async": (True,), "_CAN_setRXRollover_async": (True,), "_CAN_getInterrupts_async": (),
+    "_CAN_getErrors_async": (), "_CAN_getCounters_async": (), "_CAN_setTXPriority_async": (0, 0),
+}
+# Each argument given a value of the wrong type, in turn: a float for an int, 1 for a bool, a tuple for a list.
+WRONG = {int: 1.0, bool: 1, list: (1,)}
+BAD = [(op, (2,) + args, t.CANPortNotAvaliableError) for op, args in OPS.items()]
+BAD += [(op, ("1",) + args, t.InputTypeNotCorrectError) for op, args in OPS.items()]
+BAD += [(op, (1,) + args[:i] + (WRONG[type(a)],) + args[i + 1:], t.InputTypeNotCorrectError)
+        for op, args in OPS.items() for i, a in enumerate(args) if op != "_CAN_setTXPriority_async"]
+BAD += [
+    ("CAN_write_async", (1, 1, [0] * 9), t.CANDataLengthNotVaildError),
+    ("CAN_write_async", (1, 1, [-1]), t.InputDataNotInRangeError),
+    ("CAN_write_async", (1, 1, [1, 256]), t.InputDataNotInRangeError),
+    ("CAN_setSpeed_async", (1, 4), t.CANSpeedNotVaildError),
+    ("CAN_setSpeed_async", (1, -1), t.CANSpeedNotVaildError),
+    ("_CAN_setTXPriority_async", (1, 0, 0), TypeError),
+]
+
+
+@pytest.mark.parametrize("op,args,error", BAD, ids=["%s%d" % (b[0], i) for i, b in enumerate(BAD)])
+def test_bad_input_fails_before_anything_is_sent(lan, op, args, error):
+    dev, unit = lan
+    with pytest.raises(error) as info:
+        run(getattr(dev, op)(*args))
+    if error is t.InputDataNotInRangeError:
+        assert "The specified CAN data elements not in range" in str(info.value)
+    assert unit.log() == []
