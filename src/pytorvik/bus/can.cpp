@@ -79,7 +79,10 @@ FrameClassState* g_frame_state = nullptr;  // lives as long as the module
 bool frameClassIntact() {
     PyObject* dict = reinterpret_cast<PyTypeObject*>(g_frame_class.ptr())->tp_dict;
     for (const auto& [name, fn] : g_frame_state->originals)
-        if (PyDict_GetItemWithError(dict, name.ptr()) != fn.ptr()) return false;
+        if (PyDict_GetItemWithError(dict, name.ptr()) != fn.ptr() || PyErr_Occurred()) {
+            PyErr_Clear();
+            return false;
+        }
     return true;
 }
 
@@ -87,6 +90,21 @@ bool frameClassIntact() {
 PyObject* owned(PyObject* v) {
     if (v == nullptr) throw py::error_already_set();
     return v;
+}
+
+// The int of an identifier: those of standard frames are made once and shared, as ints are
+// immutable (the interpreter does the same for small ones).
+PyObject* standardId(std::uint32_t id) {
+    static std::vector<PyObject*>* ids = [] {
+        auto* v = new std::vector<PyObject*>(2048);
+        for (std::size_t i = 0; i < v->size(); ++i) (*v)[i] = owned(PyLong_FromSize_t(i));
+        return v;
+    }();
+    if (id < ids->size()) {
+        Py_INCREF((*ids)[id]);
+        return (*ids)[id];
+    }
+    return owned(PyLong_FromUnsignedLong(id));
 }
 
 // Builds one CANFrame from its 12 bytes with the fields that fromU8List and the constructor
@@ -124,11 +142,11 @@ PyObject* fastFrame(PyTypeObject* cls, const std::uint8_t* p) {
     PyObject_GC_UnTrack(data.ptr());
     PyObject_GC_UnTrack(id_in_list.ptr());
     PyObject_GC_UnTrack(frame_in_list.ptr());
-    PyObject* values[6] = {owned(PyLong_FromUnsignedLong(id)), owned(PyLong_FromLong(ext)), owned(PyLong_FromLong(remote)),
+    PyObject* values[6] = {standardId(id), owned(PyLong_FromLong(ext)), owned(PyLong_FromLong(remote)),
                            data.release().ptr(), id_in_list.release().ptr(), frame_in_list.release().ptr()};
     int failed = 0;
     for (int i = 0; i < 6; ++i) {
-        if (!failed) failed = PyObject_SetAttr(frame.ptr(), g_frame_state->names[i].ptr(), values[i]);
+        if (!failed) failed = PyObject_GenericSetAttr(frame.ptr(), g_frame_state->names[i].ptr(), values[i]);
         Py_DECREF(values[i]);
     }
     if (failed) throw py::error_already_set();
@@ -379,10 +397,11 @@ void bindCAN(py::module_& m) {
                 py::module_::import("builtins").attr("classmethod")(py::cpp_function(&fromU8List, py::name("fromU8List"))));
     g_frame_class = frame.object();
     g_frame_state = new FrameClassState();
-    for (const char* name : {"__init__", "setID", "regularizeData", "fromU8List"}) {
+    // __setattr__ is not the class's own: a script that gives it one gets its frames through it.
+    for (const char* name : {"__init__", "setID", "regularizeData", "fromU8List", "__setattr__"}) {
         py::str key = py::str(name);
         PyObject* fn = PyDict_GetItemWithError(reinterpret_cast<PyTypeObject*>(frame.object().ptr())->tp_dict, key.ptr());
-        if (fn == nullptr) throw py::error_already_set();
+        if (fn == nullptr && PyErr_Occurred()) throw py::error_already_set();
         g_frame_state->originals.emplace_back(key, py::reinterpret_borrow<py::object>(fn));
     }
     const char* fields[6] = {"id", "id_format", "remote", "data", "id_in_list", "frame_in_list"};
