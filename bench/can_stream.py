@@ -153,7 +153,7 @@ def main():
     py_rate = pure_python([payload] * 100)
     usb_rate = usb_ceiling()
     print("(a) delivered over TCP: %.0f frames/s, lost %d, CPU s per million frames: library threads %.3f, whole process %.3f"
-          % (rate, lost, lib_cpu, proc_cpu))
+          " (%.0f frames per CPU second of the process)" % (rate, lost, lib_cpu, proc_cpu, 1e6 / proc_cpu))
     print("(b) memory: %.1f bytes per queued frame" % per_frame)
     print("(c) pure-Python worker: %.0f frames/s; ratio %.1f x" % (py_rate, rate / py_rate))
     print("(d) TorvikUsbCan over emulated USB: %.0f frames/s (the emulator's ceiling on that path); TCP / USB %.1f x"
