@@ -1,6 +1,6 @@
 """AI N samples in loop: three acquisitions of a fixed number of frames, one after another.
 
-Usage: python AI_N_samples_in_loop.py [ADDRESS[:PORT] | SERIAL]    (default: the sample address 192.168.1.110)
+Usage: python AI_N_samples_in_loop.py [HANDLE] [ADDRESS[:PORT] | SERIAL]    (default: the sample address 192.168.1.110)
 """
 import asyncio
 

@@ -1,6 +1,6 @@
 """AI N samples once: acquire a fixed number of frames at a set rate, then stop.
 
-Usage: python AI_N_samples_once.py [ADDRESS[:PORT] | SERIAL]    (default: the sample address 192.168.1.110)
+Usage: python AI_N_samples_once.py [HANDLE] [ADDRESS[:PORT] | SERIAL]    (default: the sample address 192.168.1.110)
 """
 import asyncio
 

@@ -1,6 +1,6 @@
 """AI continuous: stream every channel at a set rate for two seconds, reading as the frames come.
 
-Usage: python AI_continuous.py [ADDRESS[:PORT] | SERIAL]    (default: the sample address 192.168.1.110)
+Usage: python AI_continuous.py [HANDLE] [ADDRESS[:PORT] | SERIAL]    (default: the sample address 192.168.1.110)
 """
 import asyncio
 

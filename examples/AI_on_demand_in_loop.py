@@ -1,6 +1,6 @@
 """AI on demand in loop: read every channel ten times, a tenth of a second apart.
 
-Usage: python AI_on_demand_in_loop.py [ADDRESS[:PORT] | SERIAL]    (default: the sample address 192.168.1.110)
+Usage: python AI_on_demand_in_loop.py [HANDLE] [ADDRESS[:PORT] | SERIAL]    (default: the sample address 192.168.1.110)
 """
 import asyncio
 

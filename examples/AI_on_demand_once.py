@@ -1,6 +1,6 @@
 """AI on demand once: one reading of every channel of the analog input port, in volts.
 
-Usage: python AI_on_demand_once.py [ADDRESS[:PORT] | SERIAL]    (default: the sample address 192.168.1.110)
+Usage: python AI_on_demand_once.py [HANDLE] [ADDRESS[:PORT] | SERIAL]    (default: the sample address 192.168.1.110)
 """
 import asyncio
 

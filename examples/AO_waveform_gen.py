@@ -1,6 +1,6 @@
 """AO waveform generation: the unit generates a sine on channel 0; the outputs are sampled meanwhile.
 
-Usage: python AO_waveform_gen.py [ADDRESS[:PORT] | SERIAL]    (default: the sample address 192.168.1.110)
+Usage: python AO_waveform_gen.py [HANDLE] [ADDRESS[:PORT] | SERIAL]    (default: the sample address 192.168.1.110)
 """
 import asyncio
 

@@ -1,6 +1,6 @@
 """AO write all channels: set every output channel at once; a short list leaves the rest at 0 V.
 
-Usage: python AO_write_all_channels.py [ADDRESS[:PORT] | SERIAL]    (default: the sample address 192.168.1.110)
+Usage: python AO_write_all_channels.py [HANDLE] [ADDRESS[:PORT] | SERIAL]    (default: the sample address 192.168.1.110)
 """
 import asyncio
 

@@ -1,6 +1,6 @@
 """AO write one channel: set one output channel to a few voltages and read the outputs back.
 
-Usage: python AO_write_one_channel.py [ADDRESS[:PORT] | SERIAL]    (default: the sample address 192.168.1.110)
+Usage: python AO_write_one_channel.py [HANDLE] [ADDRESS[:PORT] | SERIAL]    (default: the sample address 192.168.1.110)
 """
 import asyncio
 

@@ -1,6 +1,6 @@
 """DIO loopback pins: drive chosen output pins and read back the input pins wired to them.
 
-Usage: python DIO_loopback_pins.py [ADDRESS[:PORT] | SERIAL]    (default: the sample address 192.168.1.110)
+Usage: python DIO_loopback_pins.py [HANDLE] [ADDRESS[:PORT] | SERIAL]    (default: the sample address 192.168.1.110)
 
 Wire each output pin to the input pin of the same number (the emulator does this by default).
 """
@@ -10,8 +10,8 @@ import target
 
 
 async def main(dev):
-    do_port, di_port = min(dev.DO_getPinMap()), min(dev.DI_getPinMap())
-    pins = [0, 2, 3]
+    do_port, di_port, shared = target.loopback_ports(dev)
+    pins = shared[:1] + shared[2:4]
     await dev.DO_openPins_async(do_port, pins)
     await dev.DI_openPins_async(di_port, pins)
     for values in ([1, 0, 1], [0, 1, 1], [0, 0, 0]):

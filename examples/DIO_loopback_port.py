@@ -1,6 +1,6 @@
 """DIO loopback port: drive a digital output port and read back the input port wired to it.
 
-Usage: python DIO_loopback_port.py [ADDRESS[:PORT] | SERIAL]    (default: the sample address 192.168.1.110)
+Usage: python DIO_loopback_port.py [HANDLE] [ADDRESS[:PORT] | SERIAL]    (default: the sample address 192.168.1.110)
 
 Wire each output pin to the input pin of the same number (the emulator does this by default).
 """
@@ -10,14 +10,15 @@ import target
 
 
 async def main(dev):
-    do_port, di_port = min(dev.DO_getPinMap()), min(dev.DI_getPinMap())
+    do_port, di_port, pins = target.loopback_ports(dev)
     await dev.DO_openPort_async(do_port)
     await dev.DI_openPort_async(di_port)
-    width = len(dev.DO_getPinMap()[do_port])
-    for pattern in (0, (1 << width) - 1, 0b101010, 0b010101):
+    mask = sum(1 << pin for pin in dev.DO_getPinMap()[do_port])
+    for pattern in (0, mask, 0b101010 & mask, 0b010101 & mask):
         written = await dev.DO_writePort_async(do_port, pattern)
         read = await dev.DI_readPort_async(di_port)
-        print("DO port %d wrote %s | DI port %d reads %s" % (do_port, written[:width], di_port, read[:width]))
+        print("DO port %d wrote %s | DI port %d reads %s" % (
+            do_port, [written[p] for p in pins], di_port, [read[p] for p in pins]))
     await dev.DI_closePort_async(di_port)
     await dev.DO_closePort_async(do_port)
 

@@ -1,6 +1,6 @@
 """DO blinky pins: blink two pins of a digital output port in turn.
 
-Usage: python DO_blinky_pins.py [ADDRESS[:PORT] | SERIAL]    (default: the sample address 192.168.1.110)
+Usage: python DO_blinky_pins.py [HANDLE] [ADDRESS[:PORT] | SERIAL]    (default: the sample address 192.168.1.110)
 """
 import asyncio
 

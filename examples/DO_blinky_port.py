@@ -1,6 +1,6 @@
 """DO blinky port: blink every pin of a digital output port a few times.
 
-Usage: python DO_blinky_port.py [ADDRESS[:PORT] | SERIAL]    (default: the sample address 192.168.1.110)
+Usage: python DO_blinky_port.py [HANDLE] [ADDRESS[:PORT] | SERIAL]    (default: the sample address 192.168.1.110)
 """
 import asyncio
 

@@ -1,6 +1,6 @@
 """DO write pins: drive chosen pins of a digital output port, by pin list or by bit mask.
 
-Usage: python DO_write_pins.py [ADDRESS[:PORT] | SERIAL]    (default: the sample address 192.168.1.110)
+Usage: python DO_write_pins.py [HANDLE] [ADDRESS[:PORT] | SERIAL]    (default: the sample address 192.168.1.110)
 """
 import asyncio
 

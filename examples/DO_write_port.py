@@ -1,6 +1,6 @@
 """DO write port: drive a whole digital output port with one pattern.
 
-Usage: python DO_write_port.py [ADDRESS[:PORT] | SERIAL]    (default: the sample address 192.168.1.110)
+Usage: python DO_write_port.py [HANDLE] [ADDRESS[:PORT] | SERIAL]    (default: the sample address 192.168.1.110)
 """
 import asyncio
 

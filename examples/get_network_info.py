@@ -1,6 +1,6 @@
 """Get network info: identity, clock and network settings of an Ethernet unit.
 
-Usage: python get_network_info.py [ADDRESS[:PORT]]    (default: the sample address 192.168.1.110)
+Usage: python get_network_info.py [HANDLE] [ADDRESS[:PORT]]    (default: the sample address 192.168.1.110)
 """
 import asyncio
 

@@ -1,6 +1,6 @@
 """Get pin mode: the function of every pin of every hardware port of a unit.
 
-Usage: python get_pin_mode.py [SERIAL | ADDRESS[:PORT]]    (default: the sample serial 21JA1298)
+Usage: python get_pin_mode.py [HANDLE] [SERIAL | ADDRESS[:PORT]]    (default: the sample serial 21JA1298)
 """
 import asyncio
 

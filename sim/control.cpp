@@ -14,7 +14,9 @@
 
 #include "control_analog.hpp"
 #include "control_can.hpp"
+#include "control_bus.hpp"
 #include "control_firmware.hpp"
+#include "control_thermal.hpp"
 #include "options.hpp"
 #include "wire/commands.hpp"
 
@@ -366,13 +368,19 @@ std::optional<std::string> ControlServer::execute(Client* client, const std::str
     }
     if (verb == "silent" || verb == "resume") {
         faults.setSilent(verb == "silent");
+        unit->uartSender().poke();  // what the serial ports held back goes out
         return "ok";
     }
     if (verb == "clear") {
         faults.clear();
         unit->sender().clearFaults();
         unit->canSender().clearFaults();
+        clearBusFaults(*unit);
         return "ok";
+    }
+    if (verb == "discovery") {
+        if (auto n = option(w, 2, "copies")) unit->setBroadcastCopies(static_cast<unsigned>(number(*n, 100, "copies")));
+        return "ok copies=" + std::to_string(unit->broadcastCopies()) + " heard=" + std::to_string(unit->log().countOn(Channel::Udp));
     }
     if (verb == "log") return "ok " + unit->log().json();
     if (verb == "clearlog") {
@@ -448,6 +456,8 @@ std::optional<std::string> ControlServer::execute(Client* client, const std::str
     if (auto response = firmwareControl(*unit, w)) return *response;
     if (auto response = analogControl(*unit, w)) return *response;
     if (auto response = canControl(*unit, w)) return *response;
+    if (auto response = thermalControl(*unit, w)) return *response;
+    if (auto response = busControl(*unit, w)) return *response;
     throw BadRequest{"unknown request '" + verb + "'"};
 }
 

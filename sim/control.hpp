@@ -29,6 +29,11 @@
 //   resume SEL                         act and answer again
 //   clear SEL                          every fault and scripted reply off, stream faults included
 //                                         (the log stays)
+//   discovery SEL [copies=N]           ok copies=N heard=N   a network unit answers each discovery
+//                                         broadcast N times (default 1; 0: not at all); heard:
+//                                         broadcasts received. Broadcasts are logged with conn
+//                                         "udp", link 0; "reply" scripts their answers too (the
+//                                         whole payload, the leading 1 included)
 //   log SEL                            ok [{"t":S,"conn":"cmd","link":N,"code":N,"data":"HEX"},...]
 //   clearlog SEL                       empty the traffic log
 //   stats SEL                          ok cmd.accepted=N cmd.open=N data.accepted=N data.open=N
@@ -135,6 +140,50 @@
 //                                         link takes them, whatever the controller's state
 //   can SEL badlength [K]              one stream payload of one frame and K more bytes
 //                                         (default 1)
+// Temperature channels and relay counters (firmware_thermal.hpp, firmware_relay.hpp):
+//   thermal SEL PORT CH [temp=C] [drift=C] [junction=C] [open=0|1] [faults=N]
+//                                      set what channel CH of thermal port PORT senses: the
+//                                         temperature (drift: amplitude of its slow swing, 0 holds
+//                                         it), the cold junction's temperature, an open circuit,
+//                                         further fault register bits; answers
+//                                         ok temp= drift= now= junction= junction_on=
+//                                         written_junction= offset= saved_offset= filter=
+//                                         oversampling= type= open= faults=0xHH port_open=
+//   relays SEL [N...]                  ok N...  each relay's switching count; given one count a
+//                                         relay, sets them first
+//
+// Serial buses (firmware_uart.hpp, firmware_i2c.hpp, firmware_spi.hpp, uart_sender.hpp); PORT is
+// the bus's port number as the host names it:
+//   uart SEL PORT                      ok open= reading= baud= data= parity= stop=
+//                                         loopback=off|paced|fast silent= stream=off|RATE|max
+//                                         line= buffered= burst= written= received= sent=
+//                                         payloads= lost= ignored= shortened=   (line: bytes on
+//                                         the wire; lost: arrived to a full buffer; ignored:
+//                                         arrived while not reading; shortened: payloads cut
+//                                         short against a false frame, all ports)
+//   uart SEL PORT loopback off|paced|fast   what the port writes comes back, at the baud rate
+//                                         or at once
+//   uart SEL PORT send HEX             the far end sends these bytes, at the baud rate
+//   uart SEL PORT stream RATE|max [bytes=N]  the far end sends the count 0, 1, .. 255, 0, .. at
+//                                         RATE bytes a second, or as fast as the link takes it;
+//                                         N bytes (default: no end), while the port reads
+//   uart SEL PORT stream off
+//   uart SEL PORT burst N              N bytes of the count at once, as fast as the link takes
+//                                         them, whatever the baud rate (overruns the host)
+//   uart SEL PORT silent on|off        the far end stops sending, loopback included
+//   i2c SEL PORT                       ok open= frequency= addrsize= eeprom=0xAA size= page=
+//                                         pointer= silent= nacks=
+//   i2c SEL PORT eeprom ADDR [size=N] [page=N]   a fresh EEPROM (erased, 0xFF) at 7-bit ADDR;
+//                                         default 0x50, 256 bytes, pages of 16
+//   i2c SEL PORT silent on|off         the EEPROM stops acknowledging: NACK (status 5)
+//   i2c SEL PORT memory FROM N         ok HEX   N bytes of the EEPROM from FROM
+//   spi SEL PORT                       ok open= device=loopback|pattern:HEX silent= transfers=
+//                                         mosi=HEX (the last transfer) datasize= firstbit=
+//                                         prescaler= cpol= cpha=
+//   spi SEL PORT loopback              MISO echoes MOSI (the default)
+//   spi SEL PORT pattern HEX           MISO answers HEX, repeated, from its start each transfer
+//   spi SEL PORT silent on|off         nothing answers: MISO reads 0xFF
+// "clear" also makes silent far ends speak again and drops pending bursts.
 //
 // Counters in "next=N", drop and dup count replies on their way out; a dropped reply is not counted
 // by the others. Setting one again replaces its count.

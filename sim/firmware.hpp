@@ -4,7 +4,9 @@
 // firmware stays for tests of framing and fault injection, which want every code answered alike.
 #pragma once
 
+#include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -26,6 +28,14 @@ public:
     virtual std::vector<Frame> handle(const Request& request) = 0;
     // Where the status byte stands in a reply to `code`, for faults that answer with a status.
     virtual std::size_t statusIndex(std::uint16_t /*code*/) const { return 1; }
+
+    // A discovery broadcast the unit heard (network units, over UDP): the payload of its answer,
+    // or nothing. A unit told to take another address calls `move` with it (host byte order),
+    // which is false if the emulator cannot listen there.
+    using Mover = std::function<bool(std::uint32_t ipv4)>;
+    virtual std::optional<Bytes> broadcast(std::uint16_t /*code*/, const Bytes& /*payload*/, const Mover& /*move*/) {
+        return std::nullopt;
+    }
 };
 
 // One reply per request under the request's code: [port, status 0], the port being the request's

@@ -25,7 +25,28 @@ bool isMask(std::uint32_t m) { return m != 0 && (~m & (~m + 1)) == 0; }
 // Neither 0.0.0.0, nor a broadcast, nor multicast and above.
 bool isHostAddress(std::uint32_t a) { return a != 0 && (a >> 28) < 0xE; }
 
+// The address must be a host of its network, not the network's own or broadcast address.
+bool validAddress(std::uint32_t ip, std::uint32_t mask) {
+    return isHostAddress(ip) && isMask(mask) && (mask == 0xFFFFFFFFu || ((ip & ~mask) != 0 && (ip | mask) != 0xFFFFFFFFu));
+}
+
 }  // namespace
+
+Bytes NetworkSettings::identity() const {
+    Bytes out(current_.ip.begin(), current_.ip.end());
+    out.insert(out.end(), current_.mask.begin(), current_.mask.end());
+    out.insert(out.end(), current_.mac.begin(), current_.mac.end());
+    return out;
+}
+
+bool NetworkSettings::hasMac(const std::uint8_t* mac) const { return std::equal(current_.mac.begin(), current_.mac.end(), mac); }
+
+std::uint8_t NetworkSettings::takeAddress(std::uint32_t ip, std::uint32_t mask, const std::function<bool(std::uint32_t)>& move) {
+    if (!validAddress(ip, mask) || !move(ip)) return kSysError;
+    current_.ip = quad(ip);
+    current_.mask = quad(mask);
+    return kOk;
+}
 
 std::array<std::uint8_t, 6> NetworkSettings::macOf(const std::string& serial) {
     std::uint32_t h = 2166136261u;  // FNV-1a
@@ -66,9 +87,7 @@ Bytes NetworkSettings::handle(std::uint16_t code, const Bytes& in) {
     case wire::SET_IP: {
         if (in.size() != 8) return status(kCommandsError);
         const std::uint32_t ip = value(in.data()), mask = value(in.data() + 4);
-        // The address must be a host of its network, not the network's own or broadcast address.
-        if (!isHostAddress(ip) || !isMask(mask) || (mask != 0xFFFFFFFFu && ((ip & ~mask) == 0 || (ip | mask) == 0xFFFFFFFFu)))
-            return status(kSysError);
+        if (!validAddress(ip, mask)) return status(kSysError);
         v.ip = quad(ip);
         v.mask = quad(mask);
         return status(kOk);

@@ -7,6 +7,7 @@
 #pragma once
 
 #include <array>
+#include <functional>
 #include <string>
 
 #include "firmware_reply.hpp"
@@ -22,6 +23,13 @@ public:
     Bytes handle(std::uint16_t code, const Bytes& payload);
 
     static std::array<std::uint8_t, 6> macOf(const std::string& serial);
+
+    // Address, mask and MAC address as discovery tells them: 14 bytes.
+    Bytes identity() const;
+    bool hasMac(const std::uint8_t* mac) const;
+    // Takes a new address and mask, told by discovery: the status of the answer. The unit moves
+    // there at once (`move` is false if it cannot, and nothing changes).
+    std::uint8_t takeAddress(std::uint32_t ip, std::uint32_t mask, const std::function<bool(std::uint32_t)>& move);
     void factoryReset() { current_ = factory_; }
 
 private:

@@ -15,9 +15,21 @@
 //     holds one), closing the output frees them again;
 //   - CAN codes (firmware_can.hpp): [port, ...]; opening the port takes its pins into CAN mode
 //     (refused, 18, while another function holds one), closing frees them;
-//   - codes of the modules not modelled yet (other buses, thermal, relay): [port, 0];
+//   - thermal codes (firmware_thermal.hpp): opening a port takes its pins into SPI mode (refused
+//     while another function holds one), closing frees them;
+//   - relay codes (firmware_relay.hpp), on the relay unit;
+//   - bus codes (firmware_uart.hpp, firmware_i2c.hpp, firmware_spi.hpp): opening a bus port
+//     takes its pins into the bus's mode (refused with the bus's status while another function
+//     holds one), closing it frees them;
 //   - codes that start a stream, and discovery codes: no reply (the analog ones start what they
 //     start);
+//   - discovery broadcasts (network units, over UDP; requests carry 0 in front, answers 1):
+//       GET_DEVICE_INFO [0]                 [1, address, mask, MAC, the product's label]
+//       CHECK_MAC_AND_SET_IP [0, address, mask, MAC]
+//                                           the unit with that MAC takes address and mask and
+//                                           moves there: [1, 1, status] (11: not a host address,
+//                                           or one the emulator cannot listen at); others are quiet
+//       CHECK_MAC_AND_REBOOT [0, MAC]       the unit with that MAC restarts: [1, 1, 0]
 //   - codes of a module the product lacks, and unassigned codes: [port, 23].
 #pragma once
 
@@ -28,9 +40,14 @@
 #include "firmware_ao.hpp"
 #include "firmware_can.hpp"
 #include "firmware_dio.hpp"
+#include "firmware_i2c.hpp"
 #include "firmware_network.hpp"
 #include "firmware_pins.hpp"
+#include "firmware_relay.hpp"
+#include "firmware_spi.hpp"
 #include "firmware_system.hpp"
+#include "firmware_thermal.hpp"
+#include "firmware_uart.hpp"
 #include "firmware_wifi.hpp"
 
 namespace sim {
@@ -42,6 +59,7 @@ public:
 
     std::vector<Frame> handle(const Request& request) override;
     std::size_t statusIndex(std::uint16_t code) const override;
+    std::optional<Bytes> broadcast(std::uint16_t code, const Bytes& payload, const Mover& move) override;
 
     const torvik::products::Product& product() const { return product_; }
     SystemServices& system() { return system_; }
@@ -53,6 +71,11 @@ public:
     AnalogInput& ai() { return ai_; }
     AnalogOutput& ao() { return ao_; }
     CanController& can() { return can_; }
+    Thermal& thermal() { return thermal_; }
+    RelayCounters& relays() { return relays_; }
+    Uart& uart() { return uart_; }
+    I2c& i2c() { return i2c_; }
+    Spi& spi() { return spi_; }
 
     // The mode GET_PIN_MODE_OF_SLOT reports for a pin.
     PinMode modeOf(PinRef p) const;
@@ -70,9 +93,15 @@ private:
     Bytes analogInput(std::uint16_t code, const Bytes& payload);
     Bytes analogOutput(std::uint16_t code, const Bytes& payload);
     Bytes canBus(std::uint16_t code, const Bytes& payload);
+    Bytes thermalCommand(std::uint16_t code, const Bytes& payload);
     // Takes the pins into ADC mode; false, and nothing changes, if another function or digital
     // I/O holds one of them.
     bool takeAnalogPins(const std::vector<PinRef>& pins);
+    // A bus port's open and close move its pins: opening takes them into `mode` unless the port
+    // is open already; false, and nothing changes, if another function holds one of them.
+    template <class Bus>
+    Bytes bus(Bus& model, PinMode mode, std::uint16_t open, std::uint16_t close, std::uint8_t refusal,
+              std::uint16_t code, const Bytes& payload);
 
     const torvik::products::Product& product_;
     SystemServices system_;
@@ -82,6 +111,12 @@ private:
     DigitalIo dio_;
     AnalogOutput ao_;
     AnalogInput ai_;  // after ao_, which it may read
+    Thermal thermal_;
+    RelayCounters relays_;  // after dio_, which it watches
+    UnitClock::Now now_;
+    Uart uart_;
+    I2c i2c_;
+    Spi spi_;
     CanController can_;
 };
 

@@ -11,10 +11,11 @@
 namespace sim {
 
 // The command channel carries requests and replies; the data channel (Wi-Fi units) is the second
-// TCP connection, on which the host only listens.
-enum class Channel { Cmd, Data };
+// TCP connection, on which the host only listens. Discovery broadcasts come over UDP, outside any
+// link (the traffic log names them so).
+enum class Channel { Cmd, Data, Udp };
 
-constexpr std::string_view channelName(Channel c) { return c == Channel::Cmd ? "cmd" : "data"; }
+constexpr std::string_view channelName(Channel c) { return c == Channel::Cmd ? "cmd" : c == Channel::Data ? "data" : "udp"; }
 
 class Link {
 public:

@@ -28,10 +28,12 @@
 
 #include "child.hpp"
 #include "control.hpp"
+#include "discovery.hpp"
 #include "event_loop.hpp"
 #include "options.hpp"
 #include "unit.hpp"
 #include "usb.hpp"
+#include "wire/commands.hpp"
 
 namespace {
 
@@ -73,6 +75,18 @@ int run(const sim::Options& opts, const sigset_t& original_mask) {
             std::fprintf(stderr, "torvik-sim: cannot listen for %s at %s: %s\n", std::string(cfg.product->class_name).c_str(),
                          cfg.addr_text.c_str(), e.what());
             return 1;
+        }
+    }
+
+    // Network units answer discovery broadcasts; without the port they are still units.
+    sim::DiscoveryPort discovery(loop, units);
+    bool networked = false;
+    for (const auto& cfg : opts.units) networked = networked || !cfg.usb;
+    if (networked) {
+        try {
+            discovery.open(static_cast<std::uint16_t>(torvik::wire::UDP_SEND_PORT));
+        } catch (const std::system_error& e) {
+            std::fprintf(stderr, "torvik-sim: no discovery answers: %s\n", e.what());
         }
     }
 

@@ -2,17 +2,19 @@
 
 #include <arpa/inet.h>
 
+#include <algorithm>
 #include <charconv>
 #include <cstdio>
 #include <cstring>
 
+#include "products/catalogue.hpp"
 #include "wire/labels.hpp"
 
 namespace sim {
 
 const char* const kUsage =
-    "usage: torvik-sim [--unit CLASS@ADDR[:CMDPORT[:DATAPORT]][,serial=SERIAL]]...\n"
-    "                  [--usb CLASS:SERIAL[,product=TEXT][,transfer=bulk|interrupt][,canbus=NAME]]... [--usb-host]\n"
+    "usage: torvik-sim [--unit CLASS@ADDR[:CMDPORT[:DATAPORT]][,serial=SERIAL][,tcp]]...\n"
+    "                  [--usb CLASS[:SERIAL][,product=TEXT][,transfer=bulk|interrupt][,canbus=NAME]]... [--usb-host]\n"
     "                  [--control PATH] [--echo] [-- COMMAND ARGS...]\n";
 
 namespace {
@@ -45,12 +47,20 @@ UnitConfig parseUnit(const std::string& unit_arg, std::size_t index) {
     namespace products = torvik::products;
     UnitConfig cfg;
     std::string head = unit_arg, serial;
+    bool tcp = false;
     if (auto comma = unit_arg.find(','); comma != std::string::npos) {
         head = unit_arg.substr(0, comma);
-        std::string opt = unit_arg.substr(comma + 1);
-        if (opt.rfind("serial=", 0) != 0 || opt.size() == 7 || opt.find(',') != std::string::npos)
-            throw UsageError{"bad option '" + opt + "' in --unit " + unit_arg + " (only serial=SERIAL)"};
-        serial = opt.substr(7);
+        for (std::size_t from = comma + 1; from <= unit_arg.size();) {
+            const auto next = std::min(unit_arg.find(',', from), unit_arg.size());
+            const std::string opt = unit_arg.substr(from, next - from);
+            from = next + 1;
+            if (opt == "tcp")
+                tcp = true;
+            else if (opt.rfind("serial=", 0) == 0 && opt.size() > 7 && serial.empty())
+                serial = opt.substr(7);
+            else
+                throw UsageError{"bad option '" + opt + "' in --unit " + unit_arg + " (serial=SERIAL, tcp)"};
+        }
     }
     auto at = head.find('@');
     if (at == std::string::npos) throw UsageError{"--unit " + unit_arg + ": expected CLASS@ADDR"};
@@ -59,8 +69,8 @@ UnitConfig parseUnit(const std::string& unit_arg, std::size_t index) {
     if (!cfg.product) {
         throw UsageError{"unknown product class '" + cls + "'; known: " + knownClasses()};
     }
-    if (cfg.product->link == products::Link::Usb)
-        throw UsageError{"'" + cls + "' is a USB unit: give it with --usb " + cls + ":SERIAL"};
+    if (cfg.product->link == products::Link::Usb && !tcp)
+        throw UsageError{"'" + cls + "' is a USB unit: give it with --usb " + cls + ":SERIAL (or add ,tcp)"};
 
     std::string rest = head.substr(at + 1);
     std::vector<std::string> parts;
@@ -99,8 +109,8 @@ UnitConfig parseUsbUnit(const std::string& arg, unsigned id) {
         from = comma + 1;
     }
     auto colon = parts[0].find(':');
-    if (colon == std::string::npos || colon + 1 == parts[0].size())
-        throw UsageError{"--usb " + arg + ": expected CLASS:SERIAL"};
+    if (colon != std::string::npos && colon + 1 == parts[0].size())
+        throw UsageError{"--usb " + arg + ": expected CLASS[:SERIAL]"};
     UnitConfig cfg;
     const std::string cls = parts[0].substr(0, colon);
     cfg.product = products::findProduct(cls);
@@ -108,7 +118,13 @@ UnitConfig parseUsbUnit(const std::string& arg, unsigned id) {
     if (cfg.product->link != products::Link::Usb)
         throw UsageError{"'" + cls + "' is not a USB unit: give it with --unit " + cls + "@ADDR"};
     cfg.usb = true;
-    cfg.serial = parts[0].substr(colon + 1);
+    // Without a serial number the unit takes the catalogue's sample one, which the examples use.
+    if (colon != std::string::npos)
+        cfg.serial = parts[0].substr(colon + 1);
+    else if (const auto* sample = products::findSample(cls))
+        cfg.serial = sample->connect;
+    else
+        throw UsageError{"--usb " + arg + ": expected CLASS:SERIAL"};
     cfg.usb_device.serial = cfg.serial;
     cfg.usb_device.product = std::string(torvik::wire::findLabel(cls).value_or(cls));
     cfg.addr_text = "usb:" + std::to_string(id);

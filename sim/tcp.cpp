@@ -107,18 +107,33 @@ TcpPort::~TcpPort() {
     }
 }
 
-void TcpPort::listen(const in_addr& addr, std::uint16_t port) {
-    fd_ = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    if (fd_ < 0) throw std::system_error(errno, std::generic_category(), "socket");
+void TcpPort::listen(const in_addr& addr, std::uint16_t port) { adopt(bind(addr, port)); }
+
+int TcpPort::bind(const in_addr& addr, std::uint16_t port) {
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (fd < 0) throw std::system_error(errno, std::generic_category(), "socket");
     int one = 1;
-    setsockopt(fd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);  // restart while old links linger
+    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);  // restart while old links linger
     sockaddr_in sa{};
     sa.sin_family = AF_INET;
     sa.sin_addr = addr;
     sa.sin_port = htons(port);
-    if (bind(fd_, reinterpret_cast<sockaddr*>(&sa), sizeof sa) < 0)
-        throw std::system_error(errno, std::generic_category(), "bind");
-    if (::listen(fd_, 16) < 0) throw std::system_error(errno, std::generic_category(), "listen");
+    if (::bind(fd, reinterpret_cast<sockaddr*>(&sa), sizeof sa) < 0 || ::listen(fd, 16) < 0) {
+        const int e = errno;
+        close(fd);
+        throw std::system_error(e, std::generic_category(), "bind");
+    }
+    return fd;
+}
+
+void TcpPort::adopt(int fd) {
+    if (fd_ >= 0) {
+        loop_.unwatch(fd_);
+        close(fd_);
+        for (Link* l : links()) l->abort();  // the old address is gone, and what was made to it
+    }
+    fd_ = fd;
+    sockaddr_in sa{};
     socklen_t len = sizeof sa;
     getsockname(fd_, reinterpret_cast<sockaddr*>(&sa), &len);
     port_ = ntohs(sa.sin_port);

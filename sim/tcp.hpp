@@ -57,6 +57,10 @@ public:
     // Binds and listens; port 0 lets the system choose. Throws std::system_error.
     void listen(const in_addr& addr, std::uint16_t port);
     std::uint16_t port() const { return port_; }
+    // Moving to another address: bind() makes the new listening socket (throws std::system_error),
+    // adopt() listens there instead and resets the connections made to the old address.
+    int bind(const in_addr& addr, std::uint16_t port);
+    void adopt(int fd);
 
     Channel channel() const override { return channel_; }
     Link* find(std::uint64_t id) const override;

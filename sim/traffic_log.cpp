@@ -17,6 +17,13 @@ std::size_t TrafficLog::count(std::optional<std::uint16_t> code) const {
     return n;
 }
 
+std::size_t TrafficLog::countOn(Channel channel) const {
+    std::size_t n = 0;
+    for (const auto& r : records_)
+        if (r.channel == channel) ++n;
+    return n;
+}
+
 std::string TrafficLog::json() const {
     std::string out = "[";
     char head[128];

@@ -27,6 +27,7 @@ public:
     void add(Channel channel, std::uint64_t link, const Frame& frame);
     void clear() { records_.clear(); }
     std::size_t count(std::optional<std::uint16_t> code = std::nullopt) const;
+    std::size_t countOn(Channel channel) const;
 
     // [{"t":0.001234,"conn":"cmd","link":1,"code":240,"data":"0100"}, ...]
     std::string json() const;

@@ -2,8 +2,11 @@
 
 #include <arpa/inet.h>
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <stdexcept>
+#include <system_error>
 
 #include "wire/commands.hpp"
 
@@ -11,7 +14,8 @@ namespace sim {
 
 Unit::Unit(EventLoop& loop, UnitConfig config, Clock::time_point epoch, DeviceBus* bus)
     : loop_(loop), config_(std::move(config)), firmware_(makeFirmware(identity())), log_(epoch),
-      sender_(std::make_unique<StreamSender>(loop, *this)), can_sender_(std::make_unique<CanSender>(loop, *this)) {
+      sender_(std::make_unique<StreamSender>(loop, *this)), uart_sender_(std::make_unique<UartSender>(loop, *this)),
+      can_sender_(std::make_unique<CanSender>(loop, *this)) {
     can_sender_->attach();
     if (!config_.can_bus.empty()) can_sender_->setBus(config_.can_bus);
     if (config_.usb) {
@@ -60,7 +64,46 @@ std::size_t Unit::junk() const {
 
 Transport* Unit::transport(Channel channel) {
     if (channel == Channel::Cmd) return cmd_;
-    return data_.get();
+    if (channel == Channel::Data) return data_.get();
+    return nullptr;
+}
+
+std::vector<Bytes> Unit::answerBroadcast(const Frame& request) {
+    if (config_.usb) return {};
+    ++counters_.frames;
+    log_.add(Channel::Udp, 0, request);
+    changed();
+    if (faults_.silent()) return {};
+    std::optional<Bytes> payload;
+    if (const auto* scripted = faults_.scripted(request.code))
+        payload = *scripted;
+    else
+        payload = firmware_->broadcast(request.code, request.payload, [this](std::uint32_t ip) { return moveTo(ip); });
+    if (!payload) return {};
+    counters_.replies += broadcast_copies_;
+    return std::vector<Bytes>(broadcast_copies_, encodeUnitFrame(request.code, *payload));
+}
+
+bool Unit::moveTo(std::uint32_t ipv4) {
+    if (!tcp_) return false;
+    in_addr addr{};
+    addr.s_addr = htonl(ipv4);
+    if (addr.s_addr == config_.addr.s_addr) return true;  // a repeated request finds it there already
+    int cmd_fd = -1, data_fd = -1;
+    try {
+        cmd_fd = tcp_->bind(addr, tcp_->port());
+        if (data_) data_fd = data_->bind(addr, data_->port());
+    } catch (const std::system_error&) {
+        if (cmd_fd >= 0) close(cmd_fd);
+        return false;
+    }
+    tcp_->adopt(cmd_fd);
+    if (data_) data_->adopt(data_fd);
+    config_.addr = addr;
+    char text[INET_ADDRSTRLEN];
+    config_.addr_text = inet_ntop(AF_INET, &addr, text, sizeof text);
+    changed();
+    return true;
 }
 
 bool Unit::writeNow(Channel channel, std::span<const std::uint8_t> bytes) {
@@ -91,6 +134,7 @@ void Unit::linkOpened(Link& link) {
     parsers_.try_emplace(&link);
     sender_->poke();  // a stream may have waited for a link
     can_sender_->poke();
+    uart_sender_->poke();
     changed();
 }
 
@@ -101,12 +145,14 @@ void Unit::linkClosed(Link& link) {
     }
     sender_->linkClosed();
     can_sender_->linkClosed();
+    uart_sender_->linkClosed();
     changed();
 }
 
 void Unit::linkDrained(Link&) {
     sender_->linkDrained();
     can_sender_->linkDrained();
+    uart_sender_->linkDrained();
 }
 
 void Unit::linkReceived(Link& link, std::span<const std::uint8_t> bytes) {
@@ -128,6 +174,7 @@ void Unit::linkReceived(Link& link, std::span<const std::uint8_t> bytes) {
     if (!frames.empty()) {
         sender_->poke();  // the requests may have started or stopped a stream
         can_sender_->poke();
+        uart_sender_->poke();
         changed();
     }
 }

@@ -22,6 +22,7 @@
 #include "stream_sender.hpp"
 #include "tcp.hpp"
 #include "transport.hpp"
+#include "uart_sender.hpp"
 #include "traffic_log.hpp"
 
 namespace sim {
@@ -79,6 +80,8 @@ public:
     StreamSender& sender() { return *sender_; }
     // What sends the frames its CAN controller receives.
     CanSender& canSender() { return *can_sender_; }
+    // What sends the bytes its serial ports receive.
+    UartSender& uartSender() { return *uart_sender_; }
     const Counters& counters() const { return counters_; }
     std::size_t junk() const;
 
@@ -90,6 +93,16 @@ public:
     // FIN / RST on every link of the channel; returns how many links there were.
     std::size_t finish(Channel channel);
     std::size_t abort(Channel channel);
+
+    // A discovery request heard over UDP: the frames the unit answers with (each as many times as
+    // set), none from a USB unit. Logged on the udp channel; scripted replies, silence and the
+    // firmware's answer apply as on the command link.
+    std::vector<Bytes> answerBroadcast(const Frame& request);
+    void setBroadcastCopies(unsigned copies) { broadcast_copies_ = copies; }
+    unsigned broadcastCopies() const { return broadcast_copies_; }
+    // Listens at another address from now on (host byte order); false if it cannot, and nothing
+    // changes. Connections made to the old address are reset.
+    bool moveTo(std::uint32_t ipv4);
 
     // Called whenever links or the log changed, for whoever waits on them.
     std::function<void()> on_change;
@@ -128,8 +141,10 @@ private:
     std::map<Link*, RequestParser> parsers_;
     std::size_t junk_of_closed_ = 0;
     std::deque<Pending> outbox_;  // due times never decrease along the queue
+    unsigned broadcast_copies_ = 1;
     EventLoop::TimerId outbox_timer_ = 0;
     std::unique_ptr<StreamSender> sender_;  // last: it goes first, with its timer
+    std::unique_ptr<UartSender> uart_sender_;
     std::unique_ptr<CanSender> can_sender_;
 };
 

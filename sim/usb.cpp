@@ -54,9 +54,9 @@ struct HostOpen {
     std::deque<Urb*> pending_in;  // IN URBs waiting for data
     std::deque<Urb*> reapable;    // completed, not yet reaped
     std::deque<Bytes> in_packets; // packets the unit sent, waiting for an IN URB
-    const void* key = nullptr;    // its key in Device::opens
-    // Bytes of in_packets, read by the unit's link on the event loop's thread.
-    std::shared_ptr<std::atomic<std::size_t>> backlog = std::make_shared<std::atomic<std::size_t>>(0);
+    const void* key = nullptr;    // the client, as events name this open
+    // Sends of the unit's link pushed so far, and the last one whose packets were all taken.
+    std::uint64_t pushed = 0, drained = 0;
 };
 
 class Bus;
@@ -86,7 +86,7 @@ struct Event {
     Device* device;  // the bus keeps every device
     const void* open;
     Bytes bytes;
-    std::shared_ptr<std::atomic<std::size_t>> backlog = {};  // Open only
+    std::uint64_t sends = 0;  // Drained: the host took the packets of this many sends
 };
 
 Bytes deviceDescriptor() {
@@ -206,19 +206,25 @@ private:
 
 class UsbLink final : public Link {
 public:
-    UsbLink(Port& port, std::shared_ptr<Device> device, const void* open, std::uint64_t id,
-            std::shared_ptr<std::atomic<std::size_t>> backlog)
-        : port_(port), device_(std::move(device)), open_(open), id_(id), backlog_(std::move(backlog)) {}
+    UsbLink(Port& port, std::shared_ptr<Device> device, const void* open, std::uint64_t id)
+        : port_(port), device_(std::move(device)), open_(open), id_(id) {}
 
     std::uint64_t id() const override { return id_; }
     Channel channel() const override { return Channel::Cmd; }
     bool writable() const override { return !finished_ && !unplugged_; }
     void send(std::span<const std::uint8_t> bytes) override;
-    std::size_t backlog() const override { return backlog_ ? backlog_->load() : 0; }
+    // Bytes sent whose packets the host has not all taken yet, so that a stream waits for its drain.
+    std::size_t backlog() const override { return queued_; }
     void finish() override { finished_ = true; }
     void abort() override;
 
     void unplugged() { unplugged_ = true; }
+    // The host took every packet of the first `sends` sends: true if none is left.
+    bool drained(std::uint64_t sends) {
+        if (sends != sends_ || queued_ == 0) return false;
+        queued_ = 0;
+        return true;
+    }
     const Device* device() const { return device_.get(); }
     const void* openKey() const { return open_; }
 
@@ -227,9 +233,10 @@ private:
     std::shared_ptr<Device> device_;
     const void* open_;
     std::uint64_t id_;
-    std::shared_ptr<std::atomic<std::size_t>> backlog_;
     bool finished_ = false;
     bool unplugged_ = false;
+    std::size_t queued_ = 0;
+    std::uint64_t sends_ = 0;
 };
 
 // ---- handler thread: URBs ---------------------------------------------------------------------
@@ -264,17 +271,18 @@ void pump(Device& d, HostOpen& open) {
             std::memcpy(urb->buf->data + filled, p.data(), n);
             filled += n;
             if (n < p.size()) {  // the rest waits for the next URB
-                open.backlog->fetch_sub(n);
                 p.erase(p.begin(), p.begin() + static_cast<std::ptrdiff_t>(n));
                 break;
             }
             const bool short_packet = p.size() < kPacket;
-            // The host took everything the unit had queued: a stream may send more.
-            if (open.backlog->fetch_sub(p.size()) == p.size()) d.bus->post(Event{Event::Kind::Drained, &d, open.key, {}});
             open.in_packets.pop_front();
             if (short_packet) break;
         }
         finishUrb(open, urb, 0, static_cast<int>(filled));
+    }
+    if (open.in_packets.empty() && open.drained != open.pushed) {
+        open.drained = open.pushed;
+        d.bus->post(Event{Event::Kind::Drained, &d, open.key, {}, open.pushed});
     }
     updateFlow(d);
 }
@@ -324,6 +332,7 @@ gboolean onIoctl(UMockdevIoctlBase*, UMockdevIoctlClient* client, gpointer user)
     UMockdevIoctlData* arg = umockdev_ioctl_client_get_arg(client);
     std::lock_guard lock(bus.m_);
     HostOpen& open = d->opens[client];
+    open.key = client;
 
     // After an unplug the kernel still lets the host reap; everything else fails.
     if (d->gone && request != USBDEVFS_REAPURBNDELAY && request != USBDEVFS_REAPURB) return fail(client, ENODEV);
@@ -479,12 +488,7 @@ void onClientConnected(UMockdevIoctlBase*, UMockdevIoctlClient* client, gpointer
         d->opens.try_emplace(client).first->second.key = client;
     }
     g_object_weak_ref(G_OBJECT(client), onClientGone, user);
-    std::shared_ptr<std::atomic<std::size_t>> backlog;
-    {
-        std::lock_guard lock(d->bus->m_);
-        backlog = d->opens[client].backlog;
-    }
-    d->bus->post(Event{Event::Kind::Open, d, client, {}, std::move(backlog)});
+    d->bus->post(Event{Event::Kind::Open, d, client, {}});
 }
 
 // ---- the bus ----------------------------------------------------------------------------------
@@ -596,7 +600,6 @@ void Bus::detach(Device& d) {
                 for (Urb* u : open.pending_in) finishUrb(open, u, -ENODEV, 0);
                 open.pending_in.clear();
                 open.in_packets.clear();
-                open.backlog->store(0);
             }
             if (d.pty_master >= 0) {
                 tcflow(d.pty_slave, TCOON);
@@ -685,7 +688,7 @@ void Port::handle(Event& e) {
         case Event::Kind::Open: {
             auto it = std::find_if(devices_.begin(), devices_.end(), [&](auto& d) { return d.get() == e.device; });
             if (it == devices_.end()) break;
-            links_.push_back(std::make_unique<UsbLink>(*this, *it, e.open, ++accepted_, e.backlog));
+            links_.push_back(std::make_unique<UsbLink>(*this, *it, e.open, ++accepted_));
             if (*it != device_) links_.back()->unplugged();
             events_.linkOpened(*links_.back());
             break;
@@ -696,9 +699,6 @@ void Port::handle(Event& e) {
             if (UsbLink* link = byOpen(e.device, e.open)) events_.linkReceived(*link, e.bytes);
             break;
         }
-        case Event::Kind::Drained:
-            if (UsbLink* link = byOpen(e.device, e.open)) events_.linkDrained(*link);
-            break;
         case Event::Kind::Close: {
             auto it = std::find_if(links_.begin(), links_.end(),
                                    [&](auto& l) { return l->device() == e.device && l->openKey() == e.open; });
@@ -706,6 +706,11 @@ void Port::handle(Event& e) {
             std::unique_ptr<UsbLink> doomed = std::move(*it);
             links_.erase(it);
             events_.linkClosed(*doomed);
+            break;
+        }
+        case Event::Kind::Drained: {
+            UsbLink* link = byOpen(e.device, e.open);
+            if (link && link->drained(e.sends)) events_.linkDrained(*link);
             break;
         }
     }
@@ -747,15 +752,15 @@ std::string Port::statsFields() const {
 void UsbLink::send(std::span<const std::uint8_t> bytes) {
     if (!writable() || bytes.empty()) return;
     auto packets = toPackets(bytes);
-    std::size_t total = 0;
-    for (const auto& p : packets) total += p.size();
-    if (backlog_) backlog_->fetch_add(total);
     Device* d = device_.get();
     const void* key = open_;
+    queued_ += bytes.size();
+    const std::uint64_t sends = ++sends_;
     port_.bus().onHandlerThread(
-        [d, key, packets = std::move(packets)]() mutable {
+        [d, key, sends, packets = std::move(packets)]() mutable {
             auto it = d->opens.find(key);
             if (it == d->opens.end() || d->gone) return;
+            it->second.pushed = sends;
             for (auto& p : packets) it->second.in_packets.push_back(std::move(p));
             pump(*d, it->second);
         },
@@ -768,10 +773,7 @@ void UsbLink::abort() {
     const void* key = open_;
     port_.bus().onHandlerThread(
         [d, key] {
-            if (auto it = d->opens.find(key); it != d->opens.end()) {
-                it->second.in_packets.clear();
-                it->second.backlog->store(0);
-            }
+            if (auto it = d->opens.find(key); it != d->opens.end()) it->second.in_packets.clear();
         },
         false);
 }

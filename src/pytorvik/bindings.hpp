@@ -4,6 +4,7 @@
 #include <pybind11/pybind11.h>
 
 #include <exception>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -14,6 +15,8 @@ namespace torvik::py_binding {
 namespace py = pybind11;
 
 void bindConstants(py::module_& m);
+void bindCatalogue(py::module_& m, const std::string& examples_folder);
+std::string packageFolder();
 void bindErrors(py::module_& m);
 void bindConvert(py::module_& m);
 void bindClient(py::module_& m);

@@ -1,3 +1,7 @@
+#include <dlfcn.h>
+
+#include <string>
+
 #include "aio/op.hpp"
 #include "bindings.hpp"
 #include "blocking.hpp"
@@ -19,6 +23,16 @@ py::module_* g_module = nullptr;  // leaked: threads may use it during shutdown
 
 py::module_& moduleObject() { return *g_module; }
 
+// The folder of the package, found from this shared object (its __file__ is not set yet while
+// the module initialises).
+std::string packageFolder() {
+    Dl_info info{};
+    if (dladdr(reinterpret_cast<void*>(&packageFolder), &info) == 0 || !info.dli_fname) return "examples";
+    std::string path = info.dli_fname;
+    auto slash = path.rfind('/');
+    return slash == std::string::npos ? std::string(".") : path.substr(0, slash);
+}
+
 }  // namespace torvik::py_binding
 
 namespace tb = torvik::py_binding;
@@ -30,6 +44,7 @@ PYBIND11_MODULE(pytorvik, m) {
     m.doc() = "Host-side driver library for Torvik data-acquisition units.";
     m.attr("__version__") = TORVIK_VERSION;
     tb::bindConstants(m);
+    tb::bindCatalogue(m, tb::packageFolder() + "/examples");
     tb::bindErrors(m);
     tb::registerTranslators();
     tb::bindConvert(m);
@@ -53,5 +68,7 @@ PYBIND11_MODULE(pytorvik, m) {
     tb::bindUARTModule(m);
     tb::bindCAN(m);
     tb::bindThermalModules(m);
+    tb::bindDataLogger(m);
+    tb::bindBroadcastModule(m);
     tb::bindHandles(m);
 }

@@ -5,6 +5,9 @@ label and is constructed with verbose=False.
 """
 import threading
 
+import pytest
+import simctl
+
 import pytorvik
 
 
@@ -79,3 +82,56 @@ def thread_cpu_seconds(thread):
 
 
 assert threading  # re-exported for tests that wait on threads
+
+
+class ProductUnits:
+    """One emulated unit of a catalogue product, with its sample serial number on USB, kept while
+    the tests of that handle run (tests are grouped by handle)."""
+
+    def __init__(self):
+        self.handle, self.sim, self.usb = None, None, None
+
+    def target(self, handle):
+        if handle != self.handle:
+            self.close()
+            self.handle = handle
+            if handle == "DeviceFinder":
+                return None
+            if handle in pytorvik.HANDLE_DICT["USB"]:
+                import collections
+                from conftest import usb_host, wait_listed
+                self.usb = usb_host().add_usb("%s:%s" % (handle, pytorvik.HANDLE_PROPERTIES[handle]["connect"]))
+                wait_listed(collections.Counter([self.usb.serial]))
+            else:
+                self.sim = simctl.Sim(simctl.unit_spec(handle))
+                self.sim.start()
+        if self.usb:
+            return self.usb.serial
+        if self.sim:
+            u = self.sim.unit
+            if handle == "TorvikAirAnalog" and (u.cmd_port, u.data_port) != (pytorvik.TCP_CMD_PORT, pytorvik.TCP_DATA_PORT):
+                pytest.skip("the Wi-Fi handle connects on the units' own ports, which only root can give the emulator")
+            return "%s:%d" % (u.addr, u.cmd_port) if handle != "TorvikAirAnalog" else u.addr
+        return None
+
+    def close(self):
+        if self.usb:
+            self.usb.remove()
+        if self.sim:
+            self.sim.stop()
+        self.handle, self.sim, self.usb = None, None, None
+
+    @property
+    def unit(self):
+        return self.usb or (self.sim.unit if self.sim else None)
+
+    def connected(self, handle):
+        """A connected handle of the product (close it after use)."""
+        target = self.target(handle)
+        dev = getattr(pytorvik, handle)()
+        if self.usb or handle == "TorvikAirAnalog":
+            dev.connect(target)
+        else:
+            addr, port = target.split(":")
+            dev.connect(addr, port=int(port))
+        return dev

@@ -487,6 +487,106 @@ class Unit:
     def can_bad_length(self, extra=1):
         """One stream payload of one frame and `extra` bytes more."""
         self._do("can", "badlength", int(extra))
+    # Discovery ----------------------------------------------------------------------------------
+    def discovery(self, copies=None):
+        """{"copies": N, "heard": N}: how many times the unit answers each discovery broadcast
+        (`copies` sets it; 0: not at all) and how many it heard."""
+        fields = self._do("discovery", *(["copies=%d" % copies] if copies is not None else [])).split()
+        return {k: int(v) for k, v in (f.split("=", 1) for f in fields)}
+
+    def refresh(self):
+        """Reads the unit's address and ports again (a unit told by discovery to take another
+        address has moved); the unit is found by its serial number."""
+        for line in self.sim.request("units").split(";"):
+            other = Unit(self.sim, line)
+            if other.serial == self.serial:
+                self.addr, self.cmd_port, self.data_port = other.addr, other.cmd_port, other.data_port
+                return self
+        raise SimError("unit %s is gone" % self.serial)
+
+    # Temperature and relays ---------------------------------------------------------------------
+    def thermal(self, port, channel, temp=None, drift=None, junction=None, open=None, faults=None):
+        """What channel `channel` of thermal port `port` senses, as a dict (temp, drift, now,
+        junction, written_junction, offset, saved_offset as floats; junction_on, filter,
+        oversampling, type, open, faults, port_open as ints); the given values are set first
+        (temp and junction in degrees C, drift the amplitude of the slow swing, open an open
+        circuit, faults further fault register bits)."""
+        args = ["%s=%s" % (k, v if isinstance(v, float) else int(v))
+                for k, v in (("temp", temp), ("drift", drift), ("junction", junction), ("open", open), ("faults", faults))
+                if v is not None]
+        fields = dict(f.split("=", 1) for f in self._do("thermal", int(port), int(channel), *args).split())
+        floats = ("temp", "drift", "now", "junction", "written_junction", "offset", "saved_offset")
+        return {k: float(v) if k in floats else int(v, 0) for k, v in fields.items()}
+
+    def relay_counters(self, counts=None):
+        """Each relay's switching count; `counts` (one a relay) sets them first."""
+        return [int(c) for c in self._do("relays", *(counts or [])).split()]
+
+    # Serial buses --------------------------------------------------------------------------------
+    def uart_state(self, port):
+        """Serial port `port` as a dict of ints (stream, loopback as str): open, reading, baud,
+        data, parity, stop, loopback, silent, stream ("off", "max" or the rate), line (bytes on the
+        wire), buffered, burst, written, received, sent, payloads, lost, ignored, shortened."""
+        fields = dict(f.split("=", 1) for f in self._do("uart", int(port)).split())
+        return {k: v if k in ("loopback", "stream") else int(v) for k, v in fields.items()}
+
+    def uart_loopback(self, port, mode="paced"):
+        """What the port writes comes back: "paced" (at the baud rate), "fast" (at once) or "off"."""
+        self._do("uart", int(port), "loopback", mode)
+
+    def uart_send(self, port, data):
+        """The far end of the port sends `data`, at the baud rate."""
+        self._do("uart", int(port), "send", _hex(data))
+
+    def uart_stream(self, port, rate="max", count=None):
+        """The far end sends the count 0, 1, .. 255, 0, ..: `rate` bytes a second, or "max" as fast
+        as the link takes them, `count` bytes (None: no end); rate "off" stops it."""
+        self._do("uart", int(port), "stream", str(rate), *(["bytes=%d" % count] if count is not None else []))
+
+    def uart_burst(self, port, count):
+        """`count` bytes of the count at once, as fast as the link takes them, whatever the baud rate."""
+        self._do("uart", int(port), "burst", int(count))
+
+    def uart_silent(self, port, on=True):
+        """The far end stops sending (loopback included), or speaks again."""
+        self._do("uart", int(port), "silent", "on" if on else "off")
+
+    def i2c_state(self, port):
+        """I2C port `port` as a dict of ints: open, frequency, addrsize, eeprom (its address),
+        size, page, pointer, silent, nacks."""
+        return {k: int(v, 0) for k, v in (f.split("=", 1) for f in self._do("i2c", int(port)).split())}
+
+    def i2c_eeprom(self, port, address, size=None, page=None):
+        """A fresh EEPROM (all 0xFF) at 7-bit `address` on the port (default 0x50, 256 bytes, pages
+        of 16)."""
+        opts = ["%s=%d" % (k, v) for k, v in (("size", size), ("page", page)) if v is not None]
+        self._do("i2c", int(port), "eeprom", int(address), *opts)
+
+    def i2c_silent(self, port, on=True):
+        """The EEPROM stops acknowledging (NACK, status 5), or answers again."""
+        self._do("i2c", int(port), "silent", "on" if on else "off")
+
+    def i2c_memory(self, port, start, count):
+        """`count` bytes of the EEPROM from `start`."""
+        text = self._do("i2c", int(port), "memory", int(start), int(count))
+        return b"" if text == "-" else bytes.fromhex(text)
+
+    def spi_state(self, port):
+        """SPI port `port` as a dict: device ("loopback" or "pattern:HEX") and mosi (bytes of the
+        last transfer) as they are, the rest ints: open, silent, transfers, datasize, firstbit,
+        prescaler, cpol, cpha."""
+        out = {}
+        for k, v in (f.split("=", 1) for f in self._do("spi", int(port)).split()):
+            out[k] = v if k == "device" else (b"" if v == "-" else bytes.fromhex(v)) if k == "mosi" else int(v)
+        return out
+
+    def spi_device(self, port, pattern=None):
+        """The device on the port: a loopback (MISO echoes MOSI), or one answering `pattern`."""
+        self._do("spi", int(port), *(["pattern", _hex(pattern)] if pattern else ["loopback"]))
+
+    def spi_silent(self, port, on=True):
+        """The device stops answering: MISO reads 0xFF."""
+        self._do("spi", int(port), "silent", "on" if on else "off")
 
 
 class Sim:

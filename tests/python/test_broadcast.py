@@ -17,6 +17,7 @@ pytestmark = pytest.mark.skipif(
 @pytest.fixture
 def listener():
     s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+    s.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)  # an emulator's units may listen there too
     s.bind(("", t.UDP_SEND_PORT))
     s.settimeout(0.5)
     yield s

@@ -438,7 +438,7 @@ def test_bad_command_lines(unit_arg, message):
     (["--units", "TorvikCore@127.0.0.2"], "unknown argument"),
     (["--unit", "TorvikCore@127.0.0.2", "--"], "no command"),
     (["--usb", "TorvikLanLogic:X1"], "not a USB unit"),
-    (["--usb", "TorvikUsbSink"], "expected CLASS:SERIAL"),
+    (["--usb", "TorvikUsbSink:"], "expected CLASS[:SERIAL]"),
     (["--usb", "TorvikUsbSink:X1,speed=high"], "bad option"),
 ])
 def test_bad_arguments(args, message):

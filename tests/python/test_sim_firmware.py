@@ -232,7 +232,7 @@ def test_wifi_settings_stored_and_sensors_steered(air):
     ("TorvikLanLogic", 0x60, [4], [4, 23]),                 # unassigned
     ("TorvikLanLogic", 0x1B01, [], [0, 23]),
     ("TorvikLanLogic", OPEN_AI, [0], [0, 23]),              # no analog input
-    ("TorvikLanLogic", RELAY_READ, [2], [2, 0]),
+    ("TorvikLanLogic", RELAY_READ, [2], [2, 23]),           # no relays
     ("TorvikLanLogic", REBOOT, [], [0]),
     ("TorvikLanLogic", REBOOT_ON_BOOTLOADER, [], [0]),
 ])

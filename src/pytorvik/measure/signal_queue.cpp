@@ -58,9 +58,50 @@ private:
 
 class ByteDecoder : public RecordDecoder {
 public:
+    // The run is appended in one resize: a megabyte of bytes is a million list entries, and an
+    // append each cost more than the rest of the path together.
     void decodeRun(const std::uint8_t* p, std::size_t count, py::list& out) const override {
-        for (std::size_t i = 0; i < count; ++i) out.append(py::int_(p[i]));
+        const Py_ssize_t at = PyList_GET_SIZE(out.ptr());
+        PyObject* tail = PyList_New(static_cast<Py_ssize_t>(count));
+        if (tail == nullptr) throw py::error_already_set();
+        for (std::size_t i = 0; i < count; ++i) {
+            PyObject* v = PyLong_FromLong(p[i]);  // a small int: shared, never allocated
+            if (v == nullptr) {
+                Py_DECREF(tail);
+                throw py::error_already_set();
+            }
+            PyList_SET_ITEM(tail, static_cast<Py_ssize_t>(i), v);
+        }
+        const int rc = PyList_SetSlice(out.ptr(), at, at, tail);
+        Py_DECREF(tail);
+        if (rc != 0) throw py::error_already_set();
     }
+};
+
+// The 256 one-character strings are made once; a run becomes a list of references to them.
+class CharDecoder : public RecordDecoder {
+public:
+    CharDecoder() {
+        for (int i = 0; i < 256; ++i)
+            if ((chars_[i] = PyUnicode_FromOrdinal(i)) == nullptr) throw py::error_already_set();
+    }
+    void decodeRun(const std::uint8_t* p, std::size_t count, py::list& out) const override {
+        const Py_ssize_t at = PyList_GET_SIZE(out.ptr());
+        PyObject* tail = PyList_New(static_cast<Py_ssize_t>(count));
+        if (tail == nullptr) throw py::error_already_set();
+        for (std::size_t i = 0; i < count; ++i) {
+            PyObject* c = chars_[p[i]];
+            Py_INCREF(c);
+            PyList_SET_ITEM(tail, static_cast<Py_ssize_t>(i), c);
+        }
+        // Appending to an empty list, as a read does, is a swap of the item arrays.
+        const int rc = at == 0 ? PyList_SetSlice(out.ptr(), 0, 0, tail) : PyList_SetSlice(out.ptr(), at, at, tail);
+        Py_DECREF(tail);
+        if (rc != 0) throw py::error_already_set();
+    }
+
+private:
+    PyObject* chars_[256];  // kept for the process, as the strings of the interpreter's own table
 };
 
 py::object getOne(const SignalQueue& q, bool block, py::handle timeout) {
@@ -119,11 +160,12 @@ private:
     bool was_enabled_;
 };
 
-py::list takeDecoded(const SignalQueue& q, std::size_t n) {
+py::list takeDecoded(const SignalQueue& q, std::size_t n, const RecordDecoder* decoder) {
     py::list out;
     CollectorPause pause;
+    const RecordDecoder& d = decoder ? *decoder : *q.decoder;
     q.queue->take(
-        n, [&](const std::uint8_t* records, std::size_t count) { q.decoder->decodeRun(records, count, out); },
+        n, [&](const std::uint8_t* records, std::size_t count) { d.decodeRun(records, count, out); },
         [&](device::StreamItem&& other) { out.append(streamItemToPython(std::move(other))); });
     return out;
 }
@@ -142,6 +184,11 @@ std::shared_ptr<const RecordDecoder> aiDecoder(double ratio, std::size_t channel
 }
 
 std::shared_ptr<const RecordDecoder> byteDecoder() { return std::make_shared<ByteDecoder>(); }
+
+std::shared_ptr<const RecordDecoder> charDecoder() {
+    static auto* decoder = new std::shared_ptr<const RecordDecoder>(std::make_shared<CharDecoder>());
+    return *decoder;
+}
 
 void runWorkerThread(std::atomic<bool>& killed, py::handle gate_obj, py::handle data_queue, const SignalQueue& signal,
                      const char* warning, const char* shape) {

@@ -25,8 +25,8 @@ struct SignalQueue {
     std::shared_ptr<const RecordDecoder> decoder;
 };
 
-// Takes up to n items in one step, decoded.
-py::list takeDecoded(const SignalQueue& q, std::size_t n);
+// Takes up to n items in one step, decoded (by `decoder` instead of the queue's own, if given).
+py::list takeDecoded(const SignalQueue& q, std::size_t n, const RecordDecoder* decoder = nullptr);
 // The signal queue behind a Python object, or null if it is none of ours.
 const SignalQueue* signalQueueOf(py::handle obj);
 py::object makeSignalQueue(std::size_t record_size, std::size_t maxsize, std::shared_ptr<const RecordDecoder> decoder);
@@ -34,6 +34,8 @@ py::object makeSignalQueue(std::size_t record_size, std::size_t maxsize, std::sh
 std::shared_ptr<const RecordDecoder> aiDecoder(double ratio, std::size_t channels);
 // Decodes one-byte records into ints 0 to 255.
 std::shared_ptr<const RecordDecoder> byteDecoder();
+// Decodes one-byte records into one-character strings, chr() of each.
+std::shared_ptr<const RecordDecoder> charDecoder();
 
 // The body of a stream worker thread: runs the engine loop without the GIL until `killed`,
 // building one `warning` per record that did not fit. A payload that is no whole number of

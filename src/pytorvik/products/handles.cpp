@@ -84,6 +84,35 @@ void dioInit(py::handle self, const pr::Product& p) {
     initBase("DIOModule", self, tableOf(p.di), tableOf(p.do_), p.dio_num_pins_per_port);
 }
 
+// The Wi-Fi unit guards connect and disconnect by the connection state, and disconnects before
+// its base's close.
+void bindAirAnalog(py::module_& m) {
+    PyClass air = handle(m, "TorvikAirAnalog",
+                         {"WifiDevice", "SystemModule", "SystemAnalogModule", "NetworkModule", "WifiModule", "AIModule"},
+                         [](py::handle self, const pr::Product& p) {
+                             initBase("WifiDevice", self);
+                             aiInit(self, p);
+                         });
+    air.def(
+           "connect",
+           [](py::handle self, py::handle ip) {
+               if (py::bool_(self.attr("connect_status_cmd"))) return;
+               moduleObject().attr("WifiDevice").attr("connect")(self, ip);
+           },
+           py::arg("ip"))
+        .def("disconnect",
+             [](py::handle self) {
+                 if (!py::bool_(self.attr("connect_status_cmd"))) return;
+                 moduleObject().attr("WifiDevice").attr("disconnect")(self);
+             })
+        .def("close", [](py::handle self) {
+            if (py::bool_(self.attr("killed"))) return;
+            if (py::bool_(self.attr("connect_status_cmd"))) self.attr("disconnect")();
+            moduleObject().attr("WifiDevice").attr("close")(self);
+            self.attr("_AI_free")();
+        });
+}
+
 }  // namespace
 
 void bindHandles(py::module_& m) {
@@ -160,6 +189,36 @@ void bindHandles(py::module_& m) {
                                     initBase("AOModule", self, tableOf(p.ao), p.ao_volt_min, p.ao_volt_max, p.ao_channel);
                                 });
     defineClose(lan_output, "ETHDevice", {});
+    PyClass usb_analog = handle(m, "TorvikUsbAnalog",
+                                {"USBDevice", "SystemModule", "UARTModule", "I2CModule", "SPIModule", "AIModule", "DIOModule"},
+                                [](py::handle self, const pr::Product& p) {
+                                    initBase("USBDevice", self);
+                                    initBase("UARTModule", self, tableOf(p.uart));
+                                    initBase("I2CModule", self, tableOf(p.i2c));
+                                    initBase("SPIModule", self, tableOf(p.spi));
+                                    aiInit(self, p);
+                                    dioInit(self, p);
+                                });
+    defineClose(usb_analog, "USBDevice", {"_AI_free", "_UART_free"});
+    PyClass usb_mixed = handle(m, "TorvikUsbMixed",
+                               {"USBDevice", "SystemModule", "UARTModule", "I2CModule", "AIModule", "AOModule", "DIOModule"},
+                               [](py::handle self, const pr::Product& p) {
+                                   initBase("USBDevice", self);
+                                   initBase("UARTModule", self, tableOf(p.uart));
+                                   initBase("I2CModule", self, tableOf(p.i2c));
+                                   aiInit(self, p);
+                                   initBase("AOModule", self, tableOf(p.ao), p.ao_volt_min, p.ao_volt_max, p.ao_channel);
+                                   dioInit(self, p);
+                               });
+    defineClose(usb_mixed, "USBDevice", {"_AI_free", "_UART_free"});
+    bindAirAnalog(m);
+    // Declared compositions: no constructor of their own, so only the first base's runs and the
+    // module tables stay unset.
+    const std::initializer_list<const char*> composed = {"ETHDevice", "SystemModule", "NetworkModule", "AIModule", "AOModule", "DIOModule"};
+    handle(m, "TorvikCore", composed, nullptr);
+    handle(m, "TorvikCoreMini", composed, nullptr);
+    handle(m, "TorvikDrive", {"ETHDevice", "SystemModule", "NetworkModule"}, nullptr);
+    handle(m, "TorvikBox", composed, nullptr);
 }
 
 }  // namespace torvik::py_binding

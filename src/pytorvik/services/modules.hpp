@@ -20,6 +20,8 @@ void bindBusModules(py::module_& m);  // I2C and SPI
 void bindUARTModule(py::module_& m);
 void bindCAN(py::module_& m);  // CANFrame and CANModule
 void bindThermalModules(py::module_& m);  // ThermalModule, ThermocoupleModule and RelayModule
+void bindDataLogger(py::module_& m);
+void bindBroadcastModule(py::module_& m);  // BroadcastModule and DeviceFinder
 void bindHandles(py::module_& m);
 
 // Sys_getPinModeInPort_async's body, for the pin-mode tests of other modules.

@@ -1,0 +1,110 @@
+// DataLogger: rows go to a CSV file from a worker thread, so that a measuring script never waits
+// for the disk. A write costs the caller one put into an engine queue. The worker waits at its
+// gate and on the queue without the GIL, and takes it only to hand an item to the csv module's
+// writer, whose bytes are the standard ones by construction.
+#include <chrono>
+
+#include "device/device_binding.hpp"
+#include "pyclass.hpp"
+#include "services/modules.hpp"
+
+namespace torvik::py_binding {
+
+namespace {
+
+constexpr double kQueueTimeout = 999999;
+
+void saveThread(py::handle self, py::handle queue_) {
+    auto q = streamQueueOf(queue_);
+    while (!py::bool_(self.attr("killed"))) {
+        // Passes only while no one holds the gate: before the first open the worker waits here.
+        auto gate = gateOf(self.attr("save_data_lock"));
+        {
+            py::gil_scoped_release nogil;
+            gate->pass();
+        }
+        py::object item;
+        double limit = py::cast<double>(self.attr("queue_timeout"));
+        if (q) {
+            std::optional<device::StreamItem> got;
+            {
+                py::gil_scoped_release nogil;
+                got = q->get(std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::duration<double>(limit)));
+            }
+            if (!got) raiseQueue("Empty");
+            item = streamItemToPython(std::move(*got));
+        } else {
+            item = queue_.attr("get")(py::arg("timeout") = limit);
+        }
+        if (item.is_none()) continue;
+        self.attr("writer_csv").attr("writerows")(item);
+    }
+}
+
+void init(py::handle self) {
+    self.attr("killed") = false;
+    self.attr("save_data_lock") = newGate(true);
+    self.attr("save_data_queue") = py::cast(std::make_shared<device::StreamQueue>());
+    py::object thread = py::module_::import("threading").attr("Thread")(
+        py::arg("target") = self.attr("_saveStreamingDataThread"), py::arg("args") = py::make_tuple(self.attr("save_data_queue")));
+    thread.attr("start")();
+    self.attr("save_data_thread") = thread;
+    self.attr("queue_timeout") = kQueueTimeout;
+}
+
+bool isTrue(py::handle v) { return v.equal(py::bool_(true)); }
+
+void openFile(py::handle self, py::object filename, py::handle clear_old, py::handle verbose) {
+    self.attr("filename") = filename;
+    const char* mode = PyObject_IsTrue(clear_old.ptr()) == 1 ? "w" : "a";
+    py::object f = py::module_::import("builtins").attr("open")(filename, mode, py::arg("encoding") = "UTF8", py::arg("newline") = "");
+    self.attr("f_handle") = f;
+    self.attr("writer_csv") = py::module_::import("csv").attr("writer")(f);
+    self.attr("save_data_lock").attr("release")();
+    if (isTrue(verbose)) py::print(py::str("Opened file name: (") + py::str(self.attr("filename")) + py::str(")"));
+}
+
+void write2DList(py::handle self, py::handle value_mat) { self.attr("save_data_queue").attr("put")(value_mat); }
+
+// Each write goes through the next one by name, so a script's override of it takes part.
+void writeList(py::handle self, py::handle value_list) {
+    py::list rows;
+    rows.append(value_list);
+    self.attr("Logger_write2DList")(rows);
+}
+
+void closeFile(py::handle self, py::handle verbose) {
+    // The order is the contract: the file closes first, so rows still queued are not written.
+    self.attr("f_handle").attr("close")();
+    self.attr("killed") = true;
+    py::object lock = self.attr("save_data_lock");
+    lock.attr("acquire")(false);
+    self.attr("save_data_queue").attr("put")(py::none());
+    lock.attr("release")();
+    if (isTrue(verbose)) py::print(py::str("Close file name: (") + py::str(self.attr("filename")) + py::str(")"));
+}
+
+}  // namespace
+
+void bindDataLogger(py::module_& m) {
+    PyClass base(m, "DataLogger", py::tuple(), "Writes rows to a CSV file from a worker thread.");
+    base.def("__init__", &init)
+        .def("_saveStreamingDataThread", &saveThread, py::arg("queue_"))
+        .def("Logger_openFile", &openFile, py::arg("filename"), py::arg("clear_old") = true, py::arg("verbose") = true)
+        .def("Logger_writeHeader", [](py::handle self, py::handle header) { self.attr("Logger_writeList")(header); }, py::arg("header"))
+        .def("Logger_writeValue",
+             [](py::handle self, py::handle value) {
+                 py::list row;
+                 row.append(value);
+                 self.attr("Logger_writeList")(row);
+             },
+             py::arg("value"))
+        .def("Logger_writeList", &writeList, py::arg("value_list"))
+        .def("Logger_write2DList", &write2DList, py::arg("value_mat"))
+        .def("Logger_closeFile", &closeFile, py::arg("verbose") = true);
+    // The exported class derives from the logger with nothing added, as the handles derive from
+    // their bases.
+    PyClass(m, "DataLogger", py::make_tuple(base.object()), "Writes rows to a CSV file from a worker thread.");
+}
+
+}  // namespace torvik::py_binding
