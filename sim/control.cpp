@@ -13,6 +13,7 @@
 #include <system_error>
 
 #include "control_analog.hpp"
+#include "control_can.hpp"
 #include "control_bus.hpp"
 #include "control_firmware.hpp"
 #include "control_thermal.hpp"
@@ -373,6 +374,7 @@ std::optional<std::string> ControlServer::execute(Client* client, const std::str
     if (verb == "clear") {
         faults.clear();
         unit->sender().clearFaults();
+        unit->canSender().clearFaults();
         clearBusFaults(*unit);
         return "ok";
     }
@@ -453,6 +455,7 @@ std::optional<std::string> ControlServer::execute(Client* client, const std::str
     }
     if (auto response = firmwareControl(*unit, w)) return *response;
     if (auto response = analogControl(*unit, w)) return *response;
+    if (auto response = canControl(*unit, w)) return *response;
     if (auto response = thermalControl(*unit, w)) return *response;
     if (auto response = busControl(*unit, w)) return *response;
     throw BadRequest{"unknown request '" + verb + "'"};

@@ -63,6 +63,9 @@
 // The unit's firmware model (firmware_product.hpp); P.N is pin N of hardware port P:
 //   firmware SEL echo|model            answer every code with [port, 0] (tests of framing and
 //                                         faults), or with the product's model, started afresh
+//   firmware SEL model CLASS           the model of another product, on this unit's links (a USB
+//                                         product's firmware on a network unit, for benchmarks
+//                                         of the host without the emulated USB link)
 //   pinmode SEL PORT                   ok MODE... of each pin of the port, as the unit reports them
 //   pinmode SEL P.N MODE               give the pin a mode (name or 0..9): DI/DO open it for
 //                                         digital I/O, Idle frees it, any other mode lets that
@@ -112,6 +115,31 @@
 //                                         values=V,...  forms=F,... amplitudes=A,... offsets=O,...
 //                                         periods=P,...   (values: what the outputs put out now)
 //
+// CAN (firmware_can.hpp, can_bus.hpp, can_sender.hpp). ID is decimal or 0x-hex; a frame is
+// written ID:std|ext:data|remote:HEX (eight data bytes). Every bus has a tester node that
+// acknowledges frames, keeps those it hears (the first 100000) and sends what it is told:
+//   can SEL                            ok bus=NAME nodes=N open= started= port= speed=KBITS
+//                                         filtering= rollover= interrupts= buffered= held=
+//                                         counters=TXI,RXI,SPI,SENT,BUSERR,OVERFLOW tec= rec=
+//                                         filters=HEX,... masks=HEX,HEX  (identifier words)
+//                                         sent=N payloads=N shortened=N unclean=N frames=N burst=N
+//                                         stream=off|rate:R|fast seq=N heard=N  (frames the
+//                                         tester heard in all)
+//   can SEL bus NAME|own               put the unit's controller on the bus NAME, shared with every
+//                                         unit that names it, or on a bus of its own
+//   can SEL send ID HEX|- [ext] [remote]
+//                                      the tester sends one frame (standard data by default)
+//   can SEL stream rate=R|fast [id=ID] [ext] [remote] [count=N]
+//                                      the tester streams frames, R a second or as fast as the
+//                                         receiving units' links take them (count: then it
+//                                         stops); each data frame carries its sequence number
+//   can SEL stream off                 no more
+//   can SEL heard [clear]              ok FRAME FRAME ...  what the tester heard, oldest first
+//   can SEL frames N                   frames a stream payload carries at most (default 600)
+//   can SEL burst N                    N more stream frames to this unit's host as fast as the
+//                                         link takes them, whatever the controller's state
+//   can SEL badlength [K]              one stream payload of one frame and K more bytes
+//                                         (default 1)
 // Temperature channels and relay counters (firmware_thermal.hpp, firmware_relay.hpp):
 //   thermal SEL PORT CH [temp=C] [drift=C] [junction=C] [open=0|1] [faults=N]
 //                                      set what channel CH of thermal port PORT senses: the

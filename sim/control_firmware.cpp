@@ -57,12 +57,14 @@ void need(const std::vector<std::string>& w, std::size_t n, const char* usage) {
 std::string execute(Unit& unit, const std::vector<std::string>& w) {
     const std::string& verb = w[0];
     if (verb == "firmware") {
-        need(w, 3, "firmware SEL echo|model");
-        if (w[2] == "echo")
+        need(w, 3, "firmware SEL echo|model [CLASS]");
+        if (w[2] == "echo") {
             unit.setFirmware(std::make_unique<EchoFirmware>());
-        else if (w[2] == "model")
-            unit.setFirmware(makeFirmware(unit.identity()));
-        else
+        } else if (w[2] == "model") {
+            UnitIdentity id = unit.identity();
+            if (w.size() > 3 && !(id.product = torvik::products::findProduct(w[3]))) throw Refused{"unknown class '" + w[3] + "'"};
+            unit.setFirmware(makeFirmware(id));
+        } else
             throw Refused{"unknown firmware '" + w[2] + "'"};
         return "ok";
     }

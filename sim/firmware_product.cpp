@@ -30,7 +30,8 @@ ProductFirmware::ProductFirmware(const UnitIdentity& identity, UnitClock::Now no
       now_(std::move(now)),
       uart_(product_),
       i2c_(product_),
-      spi_(product_) {}
+      spi_(product_),
+      can_(product_) {}
 
 std::size_t ProductFirmware::statusIndex(std::uint16_t code) const {
     if (code == wire::GET_PIN_MODE_OF_SLOT) return 1;
@@ -48,6 +49,7 @@ std::vector<Frame> ProductFirmware::handle(const Request& request) {
         // Not answered; the analog ones start what they start.
         if (AnalogInput::isAiCode(request.code) && ai_.present()) ai_.handle(request.code, request.payload);
         if (AnalogOutput::isAoCode(request.code) && ao_.present()) ao_.handle(request.code, request.payload);
+        if (CanController::isCanCode(request.code) && can_.present()) can_.handle(request.code, request.payload);
         if (request.code == wire::START_UART_READING) uart_.handle(request.code, request.payload, now_());
         return {};
     }
@@ -99,6 +101,7 @@ Bytes ProductFirmware::answer(std::uint16_t code, const Bytes& in) {
     if (DigitalIo::isDioCode(code)) return dio_.present() ? dio_.handle(code, in) : unknown;
     if (AnalogInput::isAiCode(code)) return ai_.present() ? analogInput(code, in) : unknown;
     if (AnalogOutput::isAoCode(code)) return ao_.present() ? analogOutput(code, in) : unknown;
+    if (CanController::isCanCode(code) && can_.present()) return canBus(code, in);
     if (Thermal::isThermalCode(code)) return thermal_.present() ? thermalCommand(code, in) : unknown;
     if (RelayCounters::isRelayCode(code)) return relays_.present() ? relays_.handle(code, in) : unknown;
     if (isAssigned(code) && Uart::isUartCode(code))
@@ -134,6 +137,21 @@ Bytes ProductFirmware::analogOutput(std::uint16_t code, const Bytes& in) {
     Bytes out = *ao_.handle(code, in);
     if (code == wire::CLOSE_AO && out.size() == 2 && out[1] == kOk)
         for (PinRef p : ao_.pins(in[0])) setPinMode(p, PinMode::Idle);
+    return out;
+}
+
+Bytes ProductFirmware::canBus(std::uint16_t code, const Bytes& in) {
+    const bool port_ok = in.size() == 1 && can_.isPort(in[0]);
+    if (code == wire::OPEN_CAN && port_ok) {
+        // Free pins and digital ones go to the controller; a pin another function holds refuses.
+        const auto pins = can_.pins(in[0]);
+        for (PinRef p : pins)
+            if (auto held = pins_.holder(p); held && *held != PinMode::CAN) return portStatus(in[0], CanController::kCanError);
+        for (PinRef p : pins) setPinMode(p, PinMode::CAN);
+    }
+    Bytes out = *can_.handle(code, in);
+    if (code == wire::CLOSE_CAN && port_ok && out.size() == 2 && out[1] == kOk)
+        for (PinRef p : can_.pins(in[0])) setPinMode(p, PinMode::Idle);
     return out;
 }
 
@@ -226,6 +244,7 @@ void ProductFirmware::reboot() {
     dio_.reboot();
     ao_.reset();
     ai_.reset();
+    can_.reset();
     thermal_.reset();
     uart_.reset();
     i2c_.reset();

@@ -13,13 +13,14 @@
 //   - analog input and output codes (firmware_ai.hpp, firmware_ao.hpp): [port, ...]; opening an
 //     analog port takes its pins into ADC mode (refused while another function or digital I/O
 //     holds one), closing the output frees them again;
+//   - CAN codes (firmware_can.hpp): [port, ...]; opening the port takes its pins into CAN mode
+//     (refused, 18, while another function holds one), closing frees them;
 //   - thermal codes (firmware_thermal.hpp): opening a port takes its pins into SPI mode (refused
 //     while another function holds one), closing frees them;
 //   - relay codes (firmware_relay.hpp), on the relay unit;
 //   - bus codes (firmware_uart.hpp, firmware_i2c.hpp, firmware_spi.hpp): opening a bus port
 //     takes its pins into the bus's mode (refused with the bus's status while another function
 //     holds one), closing it frees them;
-//   - codes of the modules not modelled yet (CAN): [port, 0];
 //   - codes that start a stream, and discovery codes: no reply (the analog ones start what they
 //     start);
 //   - discovery broadcasts (network units, over UDP; requests carry 0 in front, answers 1):
@@ -37,6 +38,7 @@
 #include "firmware.hpp"
 #include "firmware_ai.hpp"
 #include "firmware_ao.hpp"
+#include "firmware_can.hpp"
 #include "firmware_dio.hpp"
 #include "firmware_i2c.hpp"
 #include "firmware_network.hpp"
@@ -68,6 +70,7 @@ public:
     WifiRadio& wifi() { return wifi_; }
     AnalogInput& ai() { return ai_; }
     AnalogOutput& ao() { return ao_; }
+    CanController& can() { return can_; }
     Thermal& thermal() { return thermal_; }
     RelayCounters& relays() { return relays_; }
     Uart& uart() { return uart_; }
@@ -89,6 +92,7 @@ private:
     Bytes pinModes(std::uint8_t port) const;
     Bytes analogInput(std::uint16_t code, const Bytes& payload);
     Bytes analogOutput(std::uint16_t code, const Bytes& payload);
+    Bytes canBus(std::uint16_t code, const Bytes& payload);
     Bytes thermalCommand(std::uint16_t code, const Bytes& payload);
     // Takes the pins into ADC mode; false, and nothing changes, if another function or digital
     // I/O holds one of them.
@@ -113,6 +117,7 @@ private:
     Uart uart_;
     I2c i2c_;
     Spi spi_;
+    CanController can_;
 };
 
 }  // namespace sim

@@ -14,7 +14,7 @@ namespace sim {
 
 const char* const kUsage =
     "usage: torvik-sim [--unit CLASS@ADDR[:CMDPORT[:DATAPORT]][,serial=SERIAL][,tcp]]...\n"
-    "                  [--usb CLASS[:SERIAL][,product=TEXT][,transfer=bulk|interrupt]]... [--usb-host]\n"
+    "                  [--usb CLASS[:SERIAL][,product=TEXT][,transfer=bulk|interrupt][,canbus=NAME]]... [--usb-host]\n"
     "                  [--control PATH] [--echo] [-- COMMAND ARGS...]\n";
 
 namespace {
@@ -134,8 +134,10 @@ UnitConfig parseUsbUnit(const std::string& arg, unsigned id) {
             cfg.usb_device.product = opt.substr(8);
         else if (opt == "transfer=bulk" || opt == "transfer=interrupt")
             cfg.usb_device.interrupt = opt == "transfer=interrupt";
+        else if (opt.rfind("canbus=", 0) == 0 && opt.size() > 7)
+            cfg.can_bus = opt.substr(7);
         else
-            throw UsageError{"bad option '" + opt + "' in --usb " + arg + " (product=TEXT, transfer=bulk|interrupt)"};
+            throw UsageError{"bad option '" + opt + "' in --usb " + arg + " (product=TEXT, transfer=bulk|interrupt, canbus=NAME)"};
     }
     for (const std::string* text : {&cfg.serial, &cfg.usb_device.product})
         for (char c : *text)

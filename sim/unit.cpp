@@ -14,7 +14,10 @@ namespace sim {
 
 Unit::Unit(EventLoop& loop, UnitConfig config, Clock::time_point epoch, DeviceBus* bus)
     : loop_(loop), config_(std::move(config)), firmware_(makeFirmware(identity())), log_(epoch),
-      sender_(std::make_unique<StreamSender>(loop, *this)), uart_sender_(std::make_unique<UartSender>(loop, *this)) {
+      sender_(std::make_unique<StreamSender>(loop, *this)), uart_sender_(std::make_unique<UartSender>(loop, *this)),
+      can_sender_(std::make_unique<CanSender>(loop, *this)) {
+    can_sender_->attach();
+    if (!config_.can_bus.empty()) can_sender_->setBus(config_.can_bus);
     if (config_.usb) {
         if (!bus) throw std::runtime_error("no USB bus for " + config_.addr_text);
         usb_ = bus->plug(*this, config_.usb_device);
@@ -130,6 +133,7 @@ std::size_t Unit::abort(Channel channel) {
 void Unit::linkOpened(Link& link) {
     parsers_.try_emplace(&link);
     sender_->poke();  // a stream may have waited for a link
+    can_sender_->poke();
     uart_sender_->poke();
     changed();
 }
@@ -140,12 +144,14 @@ void Unit::linkClosed(Link& link) {
         parsers_.erase(it);
     }
     sender_->linkClosed();
+    can_sender_->linkClosed();
     uart_sender_->linkClosed();
     changed();
 }
 
 void Unit::linkDrained(Link&) {
     sender_->linkDrained();
+    can_sender_->linkDrained();
     uart_sender_->linkDrained();
 }
 
@@ -167,6 +173,7 @@ void Unit::linkReceived(Link& link, std::span<const std::uint8_t> bytes) {
     }
     if (!frames.empty()) {
         sender_->poke();  // the requests may have started or stopped a stream
+        can_sender_->poke();
         uart_sender_->poke();
         changed();
     }

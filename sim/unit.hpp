@@ -18,6 +18,7 @@
 #include "firmware.hpp"
 #include "frame.hpp"
 #include "link.hpp"
+#include "can_sender.hpp"
 #include "stream_sender.hpp"
 #include "tcp.hpp"
 #include "transport.hpp"
@@ -33,6 +34,8 @@ struct UnitConfig {
     std::uint16_t cmd_port = 7;
     std::uint16_t data_port = 1336;  // Wi-Fi units only
     std::string serial;
+    // The CAN bus of a unit with a CAN port; "" is a bus of its own.
+    std::string can_bus;
     // USB units: on the emulated bus instead of at an address; addr_text is "usb:N".
     bool usb = false;
     UsbDeviceConfig usb_device;
@@ -68,10 +71,15 @@ public:
     Firmware& firmware() { return *firmware_; }
     // Who the unit is to its firmware; a fresh model firmware starts from this.
     UnitIdentity identity() const;
-    void setFirmware(std::unique_ptr<Firmware> firmware) { firmware_ = std::move(firmware); }
+    void setFirmware(std::unique_ptr<Firmware> firmware) {
+        firmware_ = std::move(firmware);
+        can_sender_->attach();
+    }
     TrafficLog& log() { return log_; }
     // What sends the analog input stream of the firmware.
     StreamSender& sender() { return *sender_; }
+    // What sends the frames its CAN controller receives.
+    CanSender& canSender() { return *can_sender_; }
     // What sends the bytes its serial ports receive.
     UartSender& uartSender() { return *uart_sender_; }
     const Counters& counters() const { return counters_; }
@@ -137,6 +145,7 @@ private:
     EventLoop::TimerId outbox_timer_ = 0;
     std::unique_ptr<StreamSender> sender_;  // last: it goes first, with its timer
     std::unique_ptr<UartSender> uart_sender_;
+    std::unique_ptr<CanSender> can_sender_;
 };
 
 }  // namespace sim

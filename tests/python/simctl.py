@@ -303,10 +303,11 @@ class Unit:
         self._do("clearlog")
 
     # Firmware model -----------------------------------------------------------------------------
-    def use_firmware(self, kind):
-        """"model": the product's firmware, started afresh (the default); "echo": every code is
-        answered [port, 0], for tests of framing and faults."""
-        self._do("firmware", kind)
+    def use_firmware(self, kind, product=None):
+        """"model": the product's firmware, started afresh (the default), or with `product` another
+        product's (a USB product's on a network unit, say); "echo": every code is answered
+        [port, 0], for tests of framing and faults."""
+        self._do("firmware", kind, *([product] if product else []))
 
     def pin_modes(self, port):
         """Mode names of the pins of hardware port `port`, as the unit reports them."""
@@ -428,6 +429,64 @@ class Unit:
                 out[k] = float(v) if k == "rate" else int(v, 0)
         return out
 
+    # CAN (a unit with a CAN port; its bus has a tester node that sends and listens) --------------
+    def can_state(self):
+        """The CAN controller, its sender and its bus's tester as a dict: ints, except bus and
+        stream (str), counters (the six counters), filters and masks (identifier words)."""
+        out = {}
+        for k, v in (f.split("=", 1) for f in self._do("can").split()):
+            if k in ("bus", "stream"):
+                out[k] = v
+            elif k == "counters":
+                out[k] = [int(x) for x in v.split(",")]
+            elif k in ("filters", "masks"):
+                out[k] = [int(x, 16) for x in v.split(",")]
+            else:
+                out[k] = int(v)
+        return out
+
+    def can_bus(self, name=None):
+        """Put the unit on the CAN bus `name`, shared with every unit that names it (None: a bus of
+        its own)."""
+        self._do("can", "bus", name or "own")
+
+    def can_send(self, id_, data=b"", ext=False, remote=False):
+        """The tester sends one frame on the unit's bus."""
+        self._do("can", "send", hex(id_), _hex(data), *(["ext"] if ext else []), *(["remote"] if remote else []))
+
+    def can_stream(self, rate=None, id_=0x100, ext=False, remote=False, count=None):
+        """The tester streams frames carrying their sequence numbers: `rate` a second, or as fast
+        as the receiving links take them (rate None); `count` frames, or without end."""
+        args = ["fast" if rate is None else "rate=%g" % rate, "id=%s" % hex(id_)]
+        args += (["ext"] if ext else []) + (["remote"] if remote else []) + (["count=%d" % count] if count else [])
+        self._do("can", "stream", *args)
+
+    def can_stream_off(self):
+        self._do("can", "stream", "off")
+
+    def can_heard(self, clear=False):
+        """Frames the tester heard, oldest first, as (id, ext, remote, data bytes); clear=True
+        forgets them instead."""
+        if clear:
+            self._do("can", "heard", "clear")
+            return None
+        out = []
+        for f in self._do("can", "heard").split():
+            id_, fmt, kind, data = f.split(":")
+            out.append((int(id_, 16), fmt == "ext", kind == "remote", bytes.fromhex(data)))
+        return out
+
+    def can_frames(self, frames):
+        """At most `frames` CAN frames a stream payload (default 600)."""
+        self._do("can", "frames", int(frames))
+
+    def can_burst(self, frames):
+        """`frames` more stream frames to this unit's host as fast as the link takes them."""
+        self._do("can", "burst", int(frames))
+
+    def can_bad_length(self, extra=1):
+        """One stream payload of one frame and `extra` bytes more."""
+        self._do("can", "badlength", int(extra))
     # Discovery ----------------------------------------------------------------------------------
     def discovery(self, copies=None):
         """{"copies": N, "heard": N}: how many times the unit answers each discovery broadcast
@@ -534,7 +593,7 @@ class Sim:
     """A running torvik-sim. Start with start() or `with`; stop() ends it and reaps it.
 
     Sim(*units, usb=(), control=None, binary=None): `units` are --unit specs (see unit_spec()), `usb`
-    --usb specs (CLASS:SERIAL[,product=TEXT][,transfer=bulk|interrupt]).
+    --usb specs (CLASS:SERIAL[,product=TEXT][,transfer=bulk|interrupt][,canbus=NAME]).
     """
 
     def __init__(self, *units, usb=(), control=None, binary=None, start_timeout=10.0):

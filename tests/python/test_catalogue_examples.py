@@ -20,9 +20,6 @@ EXPECTED_ERRORS = {("TorvikUsbThermo", "SPI_read_and_write"): "SPIPortNotAvaliab
                    ("TorvikUsbThermo", "SPI_write"): "SPIPortNotAvaliableError"}
 
 
-PENDING = {"CAN_read", "CAN_write"}
-
-
 def pairs():
     for handle, categories in t.CATEGORY_DICT.items():
         for category in categories:
@@ -56,8 +53,6 @@ def test_example_on_handle(units, tmp_path, handle, example):
     if handle in USB and not sys.platform.startswith("linux"):
         pytest.skip("USB units are emulated with umockdev, which runs on Linux only")
     path = os.path.join(EXAMPLES, example + ".py")
-    if example in PENDING and not os.path.isfile(path):
-        pytest.skip("the CAN examples land with the CAN emulator")
     assert os.path.isfile(path), "the catalogue names %s, which has no program" % example
     target = units.target(handle)
     argv = [sys.executable, path, handle] + ([target] if target else [])

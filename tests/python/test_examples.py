@@ -195,3 +195,34 @@ def test_bus_examples_on_the_usb_unit(name, args, setup, after, expect):
     for text in expect:
         assert text in out, out
     assert out.startswith("Opened handle (Torvik-USB-Logic)\n")
+
+
+# The CAN examples run on a unit plugged into this test process's emulated USB bus, whose tester
+# node sends frames before the example starts and is asked afterwards what it heard.
+def run_example_here(name, *args):
+    r = subprocess.run([sys.executable, os.path.join(EXAMPLES, name + ".py")] + list(args), capture_output=True, timeout=60)
+    out = r.stdout.decode()
+    assert r.returncode == 0, out + r.stderr.decode()
+    return out
+
+
+def test_can_read_prints_what_the_bus_sends(usb_unit):
+    unit = usb_unit("TorvikUsbCan", firmware="model")
+    unit.can_stream(rate=100, id_=0x2AA)
+    try:
+        out = run_example_here("CAN_read", unit.serial, "1")
+    finally:
+        unit.can_stream_off()
+    frames = [line for line in out.splitlines() if line.startswith("CANFrame(")]
+    assert frames and frames[0].startswith("CANFrame(id=682, id_format=0, remote=0, data=[0, 0, 0, 0, 0, 0, 0,")
+    assert "open CAN port 1: 0" in out and "close: 0" in out and "%d frames in 1 s" % len(frames) in out
+
+
+def test_can_write_reaches_another_node(usb_unit):
+    unit = usb_unit("TorvikUsbCan", firmware="model")
+    out = run_example_here("CAN_write", "TorvikUsbCan", unit.serial)
+    assert "write CANFrame(id=291, id_format=0, remote=0, data=[17, 34, 51, 0, 0, 0, 0, 0]): 0" in out
+    assert unit.can_heard() == [(0x123, False, False, bytes([0x11, 0x22, 0x33, 0, 0, 0, 0, 0])),
+                                (0xD5E6F78, True, False, bytes(range(1, 9))),
+                                (0x7FF, False, True, bytes(8))]
+    assert "counters: [3, 0, " in out

@@ -68,14 +68,109 @@ py::object fromU8List(py::handle cls, py::handle u8_list) {
     return cls(f[0], f[1], f[2]);
 }
 
+// What the fast path of the decoder relies on: the class's own operations, as bound. A script
+// that replaces one of them gets the frames its replacement makes.
+struct FrameClassState {
+    std::vector<std::pair<py::object, py::object>> originals;  // (name, function)
+    py::object names[6];  // id, id_format, remote, data, id_in_list, frame_in_list
+};
+FrameClassState* g_frame_state = nullptr;  // lives as long as the module
+
+bool frameClassIntact() {
+    PyObject* dict = reinterpret_cast<PyTypeObject*>(g_frame_class.ptr())->tp_dict;
+    for (const auto& [name, fn] : g_frame_state->originals)
+        if (PyDict_GetItemWithError(dict, name.ptr()) != fn.ptr() || PyErr_Occurred()) {
+            PyErr_Clear();
+            return false;
+        }
+    return true;
+}
+
+// Steals `v`; throws if it is null.
+PyObject* owned(PyObject* v) {
+    if (v == nullptr) throw py::error_already_set();
+    return v;
+}
+
+// The int of an identifier: those of standard frames are made once and shared, as ints are
+// immutable (the interpreter does the same for small ones).
+PyObject* standardId(std::uint32_t id) {
+    static std::vector<PyObject*>* ids = [] {
+        auto* v = new std::vector<PyObject*>(2048);
+        for (std::size_t i = 0; i < v->size(); ++i) (*v)[i] = owned(PyLong_FromSize_t(i));
+        return v;
+    }();
+    if (id < ids->size()) {
+        Py_INCREF((*ids)[id]);
+        return (*ids)[id];
+    }
+    return owned(PyLong_FromUnsignedLong(id));
+}
+
+// Builds one CANFrame from its 12 bytes with the fields that fromU8List and the constructor
+// give it, in their order, without running them: no intermediate lists, no calls.
+PyObject* fastFrame(PyTypeObject* cls, const std::uint8_t* p) {
+    const std::uint32_t word = std::uint32_t{p[0]} << 24 | std::uint32_t{p[1]} << 16 | std::uint32_t{p[2]} << 8 | p[3];
+    const int ext = (p[1] >> 3) & 1, remote = (p[1] >> 4) & 1;
+    const std::uint32_t id = ext ? ((word & 0xFFE00000u) >> 3) | (word & 0x3FFFFu) : (std::uint32_t{p[0]} << 8 | p[1]) >> 5;
+    // setID's word: the identifier bits and the flags again; bit 18 and a standard frame's low
+    // bits do not come back.
+    std::uint32_t again = ext ? (word & 0xFFE3FFFFu) | 0x80000u : word & 0xFFE00000u;
+    if (remote) again |= 0x100000u;
+    // Through the type's own allocation, so that the instance gets the compact attribute storage
+    // its class shares (an empty tuple of arguments is one shared object).
+    static PyObject* no_args = PyTuple_New(0);
+    py::object frame = py::reinterpret_steal<py::object>(owned(cls->tp_new(cls, no_args, nullptr)));
+    py::object data = py::reinterpret_steal<py::object>(owned(PyList_New(8)));
+    py::object id_in_list = py::reinterpret_steal<py::object>(owned(PyList_New(4)));
+    py::object frame_in_list = py::reinterpret_steal<py::object>(owned(PyList_New(12)));
+    for (int i = 0; i < 4; ++i) {
+        PyObject* b = owned(PyLong_FromLong((again >> (24 - 8 * i)) & 0xFF));  // small ints: shared
+        Py_INCREF(b);
+        PyList_SET_ITEM(id_in_list.ptr(), i, b);
+        PyList_SET_ITEM(frame_in_list.ptr(), i, b);
+    }
+    for (int i = 0; i < 8; ++i) {
+        PyObject* b = owned(PyLong_FromLong(p[4 + i]));
+        Py_INCREF(b);
+        PyList_SET_ITEM(data.ptr(), i, b);
+        PyList_SET_ITEM(frame_in_list.ptr(), 4 + i, b);
+    }
+    // Lists of small ints can take part in no reference cycle, so the cyclic collector need not
+    // walk them (as the interpreter itself stops tracking tuples and dicts of atomic values): a
+    // large read then costs one collector visit a frame instead of four.
+    PyObject_GC_UnTrack(data.ptr());
+    PyObject_GC_UnTrack(id_in_list.ptr());
+    PyObject_GC_UnTrack(frame_in_list.ptr());
+    PyObject* values[6] = {standardId(id), owned(PyLong_FromLong(ext)), owned(PyLong_FromLong(remote)),
+                           data.release().ptr(), id_in_list.release().ptr(), frame_in_list.release().ptr()};
+    int failed = 0;
+    for (int i = 0; i < 6; ++i) {
+        if (!failed) failed = PyObject_GenericSetAttr(frame.ptr(), g_frame_state->names[i].ptr(), values[i]);
+        Py_DECREF(values[i]);
+    }
+    if (failed) throw py::error_already_set();
+    return frame.release().ptr();
+}
+
 // Received records become CANFrame objects only when they are read.
 class FrameDecoder : public RecordDecoder {
 public:
     void decodeRun(const std::uint8_t* p, std::size_t count, py::list& out) const override {
+        if (!frameClassIntact()) {
+            for (std::size_t i = 0; i < count; ++i, p += 12) {
+                py::list u8;
+                for (int k = 0; k < 12; ++k) u8.append(p[k]);
+                out.append(fromU8List(g_frame_class, u8));
+            }
+            return;
+        }
+        auto* cls = reinterpret_cast<PyTypeObject*>(g_frame_class.ptr());
         for (std::size_t i = 0; i < count; ++i, p += 12) {
-            py::list u8;
-            for (int k = 0; k < 12; ++k) u8.append(p[k]);
-            out.append(fromU8List(g_frame_class, u8));
+            PyObject* frame = fastFrame(cls, p);
+            const int failed = PyList_Append(out.ptr(), frame);
+            Py_DECREF(frame);
+            if (failed) throw py::error_already_set();
         }
     }
 };
@@ -301,6 +396,20 @@ void bindCAN(py::module_& m) {
     py::setattr(frame.object(), "fromU8List",
                 py::module_::import("builtins").attr("classmethod")(py::cpp_function(&fromU8List, py::name("fromU8List"))));
     g_frame_class = frame.object();
+    g_frame_state = new FrameClassState();
+    // __setattr__ is not the class's own: a script that gives it one gets its frames through it.
+    for (const char* name : {"__init__", "setID", "regularizeData", "fromU8List", "__setattr__"}) {
+        py::str key = py::str(name);
+        PyObject* fn = PyDict_GetItemWithError(reinterpret_cast<PyTypeObject*>(frame.object().ptr())->tp_dict, key.ptr());
+        if (fn == nullptr && PyErr_Occurred()) throw py::error_already_set();
+        g_frame_state->originals.emplace_back(key, py::reinterpret_borrow<py::object>(fn));
+    }
+    const char* fields[6] = {"id", "id_format", "remote", "data", "id_in_list", "frame_in_list"};
+    for (int i = 0; i < 6; ++i) {
+        PyObject* interned = PyUnicode_InternFromString(fields[i]);
+        if (interned == nullptr) throw py::error_already_set();
+        g_frame_state->names[i] = py::reinterpret_steal<py::object>(interned);
+    }
 
     py::class_<CANCore, std::shared_ptr<CANCore>>(m, "_CANCore");
     PyClass can(m, "CANModule", py::make_tuple(m.attr("Packet")), "A CAN port: set-up, writes, acceptance filters and received frames.");

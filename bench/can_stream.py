@@ -1,0 +1,165 @@
+"""CAN reception against torvik-sim, in one run.
+
+(a) Library capacity over TCP loopback: a composition with the same engine path as TorvikUsbCan
+    (an ETHDevice with SystemModule and CANModule, given TorvikUsbCan's can_dict) on a network unit
+    that runs TorvikUsbCan's firmware. The emulator's bus tester streams 1,000,000 frames (the
+    queue's bound) as fast as the link takes them (far faster than any reader: they all arrive
+    within a few tenths of a second) while the reader calls CAN_read_async(port, -1) in a loop: frames per
+    second delivered to Python as CANFrame objects, frames lost, CPU seconds per million frames of
+    the library's threads (receive thread and stream worker) and of the whole process.
+(b) Memory: 1,000,000 frames queued in can_frame_queue with nobody reading: resident growth per frame.
+(c) A straightforward pure-Python worker on the same payloads (a numeric array reshaped to rows of
+    12, CANFrame.fromU8List per row, a queue put, and the reader's get), and the ratio.
+(d) TorvikUsbCan over the emulated USB link, for the emulator's ceiling on that path.
+
+Targets: >= 1,000,000 frames/s delivered, 0 lost, <= 24 bytes per queued frame, >= 20 x the
+pure-Python worker. Run with the package installed (or PYTHONPATH and TORVIK_SIM_BIN set):
+python bench/can_stream.py
+"""
+import asyncio
+import os
+import queue
+import subprocess
+import sys
+import time
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+sys.path.insert(0, os.path.join(HERE, "..", "tests", "python"))
+
+import pytorvik as t  # noqa: E402
+import simctl  # noqa: E402
+from devices import thread_cpu_seconds  # noqa: E402
+
+FRAMES = 1_000_000
+USB_FRAMES = 40_000
+USB_SERIAL = "CANBENCH1"
+
+
+class LanCan(t.ETHDevice, t.SystemModule, t.CANModule):
+    """TorvikUsbCan's CAN path over a network connection."""
+
+
+def can_dict():
+    dev = t.TorvikUsbCan()
+    try:
+        return dev.can_dict
+    finally:
+        dev.close()
+
+
+def rss_bytes():
+    with open("/proc/self/statm") as f:
+        return int(f.read().split()[1]) * os.sysconf("SC_PAGE_SIZE")
+
+
+async def delivered(dev, unit, frames):
+    await dev.CAN_open_async(1)
+    await dev.CAN_start_async(1)
+    threads = (dev.recv_cmd_thread, dev.can_stream_thread)
+    cpu0 = [thread_cpu_seconds(th) for th in threads]
+    proc0, t0, got, last = time.process_time(), time.perf_counter(), 0, None
+    unit.can_stream(count=frames)
+    idle_since = None
+    while got < frames and time.perf_counter() - t0 < 60:
+        batch = await dev.CAN_read_async(1, -1, 0.001)
+        if batch:
+            got += len(batch)
+            last, idle_since = batch[-1], None
+        elif idle_since is None:
+            idle_since = time.perf_counter()
+        elif time.perf_counter() - idle_since > 1 and unit.can_state()["sent"] >= frames:
+            break  # frames were lost: nothing more comes
+        del batch
+    elapsed = time.perf_counter() - t0 - (time.perf_counter() - idle_since if idle_since else 0)
+    lib_cpu = sum(thread_cpu_seconds(th) - c for th, c in zip(threads, cpu0))
+    await dev.CAN_close_async(1)
+    if last is not None and int.from_bytes(bytes(last.data), "big") != got - 1:
+        print("warning: the last frame read carries sequence number %d after %d frames"
+              % (int.from_bytes(bytes(last.data), "big"), got))
+    return got / elapsed, frames - got, lib_cpu / got * 1e6, (time.process_time() - proc0) / got * 1e6
+
+
+async def memory(dev, unit, n=1_000_000):
+    await dev.CAN_open_async(1)
+    before = rss_bytes()
+    unit.can_burst(n)
+    t0 = time.monotonic()
+    while dev.can_frame_queue.qsize() < n and time.monotonic() - t0 < 60:
+        await asyncio.sleep(0.01)
+    grown = rss_bytes() - before
+    queued = dev.can_frame_queue.qsize()
+    await dev.CAN_close_async(1)
+    return grown / queued
+
+
+def pure_python(payloads):
+    """The worker as the algorithm is written, with the reader taking each frame from a queue."""
+    import numpy
+    q = queue.Queue(maxsize=1_000_000)
+    n = 0
+    t0 = time.perf_counter()
+    for data in payloads:
+        rows = numpy.array(list(data)).reshape(-1, 12)
+        for row in rows:
+            q.put_nowait(t.CANFrame.fromU8List(row))
+        while not q.empty():
+            q.get_nowait()
+            n += 1
+    return n / (time.perf_counter() - t0)
+
+
+def usb_ceiling():
+    """Runs this script under the emulator's USB host with one TorvikUsbCan; returns frames/s."""
+    cmd = [simctl.sim_binary(), "--usb", "TorvikUsbCan:" + USB_SERIAL, "--", sys.executable, os.path.abspath(__file__), "--usb"]
+    out = subprocess.run(cmd, env=simctl.clean_env(), capture_output=True, text=True, timeout=120)
+    for line in out.stdout.splitlines():
+        if line.startswith("usb "):
+            return float(line.split()[1])
+    raise RuntimeError("USB run failed: " + out.stdout + out.stderr)
+
+
+def usb_part():
+    sim = simctl.Sim.attach(os.environ["TORVIK_SIM_CONTROL"])
+    dev = t.TorvikUsbCan()
+    dev.connect(USB_SERIAL, verbose=False)
+    try:
+        rate, lost, _, _ = asyncio.run(delivered(dev, sim.unit, USB_FRAMES))
+    finally:
+        dev.close()
+    print("usb %.0f %d" % (rate, lost))
+
+
+def main():
+    table = can_dict()
+    spec = simctl.unit_spec("TorvikLanLogic", cmd_port=0)
+    with simctl.Sim(spec, simctl.unit_spec("TorvikLanLogic", cmd_port=0)) as sim:
+        readers = []
+        for unit in sim.units:
+            unit.use_firmware("model", "TorvikUsbCan")
+            unit.can_frames(2000)
+            dev = LanCan(verbose=False)
+            t.CANModule.__init__(dev, table)
+            dev.connect(unit.addr, port=unit.cmd_port, verbose=False)
+            readers.append(dev)
+        try:
+            rate, lost, lib_cpu, proc_cpu = asyncio.run(delivered(readers[0], sim.units[0], FRAMES))
+            per_frame = asyncio.run(memory(readers[1], sim.units[1]))
+        finally:
+            for dev in readers:
+                dev.disconnect(verbose=False)
+                dev.close(verbose=False)
+                dev._CAN_free()
+    payload = b"".join(bytes(t.CANFrame(i % 2048, 0, 0, list(i.to_bytes(8, "big"))).frame_in_list) for i in range(600))
+    py_rate = pure_python([payload] * 100)
+    usb_rate = usb_ceiling()
+    print("(a) delivered over TCP: %.0f frames/s, lost %d, CPU s per million frames: library threads %.3f, whole process %.3f"
+          " (%.0f frames per CPU second of the process)" % (rate, lost, lib_cpu, proc_cpu, 1e6 / proc_cpu))
+    print("(b) memory: %.1f bytes per queued frame" % per_frame)
+    print("(c) pure-Python worker: %.0f frames/s; ratio %.1f x" % (py_rate, rate / py_rate))
+    print("(d) TorvikUsbCan over emulated USB: %.0f frames/s (the emulator's ceiling on that path); TCP / USB %.1f x"
+          % (usb_rate, rate / usb_rate))
+    print("targets: >= 1000000 frames/s, 0 lost, <= 24 bytes/frame, >= 20 x")
+
+
+if __name__ == "__main__":
+    usb_part() if "--usb" in sys.argv[1:] else main()
