@@ -2,6 +2,7 @@
 import asyncio
 import collections.abc
 import queue
+import sys
 import time
 
 import pytest
@@ -237,3 +238,19 @@ def test_get_streaming_from_pool(make_dev, kind, num_samples, expected):
     assert run(d._getStreamingFromPool_async(q, num_samples, 0.05)) == expected
     assert time.monotonic() - start >= 0.05
     assert run(d._getStreamingFromPool_async(kind(), -1, 0)) == []
+
+
+@pytest.mark.parametrize("delay", [0, 1e-6])
+def test_awaiting_releases_what_it_yields_exactly_once(delay):
+    # An operation that suspends hands the task None (a bare reschedule) or a future; each must be
+    # released once. Released twice, None's count sinks by one an await until the interpreter dies.
+    stream = t.StreamQueue()
+    packet = t.Packet()
+
+    async def main():
+        before = sys.getrefcount(None)
+        for _ in range(5000):
+            await packet._getStreamingFromPool_async(stream, 0, delay)
+        return sys.getrefcount(None) - before
+
+    assert asyncio.run(main()) > -500

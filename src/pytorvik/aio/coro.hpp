@@ -96,7 +96,11 @@ private:
 };
 
 // Suspends the operation, handing `what` to the task; raises what the task throws in.
+// Not an aggregate on purpose: GCC 12 destroys a temporary aggregate awaiter's members twice in
+// `co_await Yield{...}`, which released the yielded future (or None) once too often.
 struct Yield {
+    explicit Yield(py::object w) : what(std::move(w)) {}
+
     py::object what;
     OpState* op = nullptr;
 
