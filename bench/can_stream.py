@@ -131,8 +131,8 @@ def usb_part():
 
 def main():
     table = can_dict()
-    spec = simctl.unit_spec("TorvikLanLogic", cmd_port=0)
-    with simctl.Sim(spec, simctl.unit_spec("TorvikLanLogic", cmd_port=0)) as sim:
+    first = simctl.unit_spec("TorvikLanLogic", cmd_port=0)
+    with simctl.Sim(first, simctl.unit_spec("TorvikLanLogic", cmd_port=0)) as sim:
         readers = []
         for unit in sim.units:
             unit.use_firmware("model", "TorvikUsbCan")

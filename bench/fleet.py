@@ -269,11 +269,11 @@ def main(seconds):
         if name in t.HANDLE_DICT["USB"]:
             usb_units.append("%s:%s" % (name, t.HANDLE_PROPERTIES[name]["connect"]))
         else:
-            spec = simctl.unit_spec(name)
+            unit_arg = simctl.unit_spec(name)
             if name == "TorvikAirAnalog" and os.geteuid() != 0:
                 print("(a) leaves out TorvikAirAnalog: its handle connects on the unit's own ports, which need root")
                 continue
-            net_units.append(spec)
+            net_units.append(unit_arg)
     ceiling = usb_ceiling()
     # The USB streams share the emulated bus: each analog one gets at most a quarter of what the bus
     # carries for one stream alone, so that the UART streams and the round trips keep their room.

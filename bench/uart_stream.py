@@ -161,8 +161,8 @@ def usb_rate():
 
 
 def main():
-    spec = simctl.unit_spec("TorvikUsbLogic", cmd_port=0)
-    with simctl.Sim(spec + ",tcp", simctl.unit_spec("TorvikUsbLogic", cmd_port=0) + ",tcp") as sim:
+    first = simctl.unit_spec("TorvikUsbLogic", cmd_port=0)
+    with simctl.Sim(first + ",tcp", simctl.unit_spec("TorvikUsbLogic", cmd_port=0) + ",tcp") as sim:
         a, b = sim.units
         readers = [lan_handle(a), lan_handle(b)]
         try:

@@ -152,9 +152,9 @@ def test_readme_products_table_is_the_catalogue():
     import importlib.util
     import os
     root = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..")
-    spec = importlib.util.spec_from_file_location("gen_products_table", os.path.join(root, "tools", "gen_products_table.py"))
-    gen = importlib.util.module_from_spec(spec)
-    spec.loader.exec_module(gen)
+    found = importlib.util.spec_from_file_location("gen_products_table", os.path.join(root, "tools", "gen_products_table.py"))
+    gen = importlib.util.module_from_spec(found)
+    found.loader.exec_module(gen)
     with open(os.path.join(root, "README.md")) as f:
         readme = f.read()
     begin = readme.index("\n", readme.index("<!-- products:begin")) + 1

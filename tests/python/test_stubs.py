@@ -18,9 +18,9 @@ def test_stubs_and_marker_ship_with_the_package():
 
 
 def test_stubs_are_current():
-    spec = importlib.util.spec_from_file_location("gen_stubs", os.path.join(ROOT, "tools", "gen_stubs.py"))
-    gen = importlib.util.module_from_spec(spec)
-    spec.loader.exec_module(gen)
+    found = importlib.util.spec_from_file_location("gen_stubs", os.path.join(ROOT, "tools", "gen_stubs.py"))
+    gen = importlib.util.module_from_spec(found)
+    found.loader.exec_module(gen)
     import io
     out = io.StringIO()
     gen.main(out)
