@@ -14,20 +14,21 @@ UsbError::UsbError(int code) : std::runtime_error(libusb_strerror(code)), code(c
 
 UsbTimeout::UsbTimeout() : UsbError(LIBUSB_ERROR_TIMEOUT) {}
 
-// The one libusb context of the library. It lives while a client or a listing uses it, so that
-// no event monitor thread of libusb outlives the last USB handle.
+// The one libusb context of the library, made on first use and kept until the process ends.
+// A context per listing would rescan the bus and start and stop libusb's hotplug monitor each
+// time: slow with many devices, and a monitor that comes and goes races the uevents of the
+// devices being plugged meanwhile.
 class UsbContext {
 public:
     static std::shared_ptr<UsbContext> get() {
         static auto* mutex = new std::mutex;  // leaked: clients may go during static destruction
-        static auto* cached = new std::weak_ptr<UsbContext>;
+        static auto* kept = new std::shared_ptr<UsbContext>;
         std::lock_guard lock(*mutex);
-        if (auto ctx = cached->lock()) return ctx;
+        if (*kept) return *kept;
         libusb_context* raw = nullptr;
         if (int rc = libusb_init(&raw); rc < 0) throw UsbError(rc);
-        std::shared_ptr<UsbContext> ctx(new UsbContext(raw));
-        *cached = ctx;
-        return ctx;
+        kept->reset(new UsbContext(raw));
+        return *kept;
     }
     ~UsbContext() { libusb_exit(ctx_); }
     UsbContext(const UsbContext&) = delete;
