@@ -1,6 +1,7 @@
 #include "usb.hpp"
 
 #include <endian.h>
+#include <fcntl.h>
 #include <linux/usb/ch9.h>
 #include <linux/usbdevice_fs.h>
 #include <pty.h>
@@ -576,8 +577,10 @@ std::shared_ptr<Device> Bus::attach(const UsbDeviceConfig& config, Port* port) {
         gchar* root = umockdev_testbed_get_root_dir(testbed_);
         const std::string real = std::string(root) + d->devnode;
         g_free(root);
-        unlink(real.c_str());
-        if (symlink(name, real.c_str()) == 0) {
+        // Swapped in by a rename, so that no open of the node finds it missing (see detach).
+        const std::string swap = real + ".pty";
+        unlink(swap.c_str());
+        if (symlink(name, swap.c_str()) == 0 && rename(swap.c_str(), real.c_str()) == 0) {
             std::lock_guard lock(m_);
             d->flow_on = true;
             updateFlow(*d);
@@ -593,6 +596,17 @@ std::shared_ptr<Device> Bus::attach(const UsbDeviceConfig& config, Port* port) {
 }
 
 void Bus::detach(Device& d) {
+    // A host that listed the bus just before may still open the node. umockdev's preload fills a
+    // slot of a small fixed table on every failed open of a device node and aborts the host once
+    // the table is full; so the node never goes missing. It becomes a plain file (in one rename,
+    // before its pty goes) whose ioctls all answer ENODEV, as an unplugged unit's do: the handler
+    // stays.
+    gchar* root = umockdev_testbed_get_root_dir(testbed_);
+    const std::string real = std::string(root) + d.devnode;
+    g_free(root);
+    const std::string swap = real + ".gone";
+    if (int fd = open(swap.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0644); fd >= 0) close(fd);
+    rename(swap.c_str(), real.c_str());
     onHandlerThread(
         [&d] {
             d.gone = true;
@@ -611,6 +625,8 @@ void Bus::detach(Device& d) {
         true);
     // 0.17's remove_device sends no uevent of its own; a second one from a newer version is harmless.
     umockdev_testbed_uevent(testbed_, d.syspath.c_str(), "remove");
+    // remove_device deletes the node named here: a name that is none keeps the node.
+    umockdev_testbed_set_property(testbed_, d.syspath.c_str(), "DEVNAME", (d.devnode + ".gone").c_str());
     umockdev_testbed_remove_device(testbed_, d.syspath.c_str());
 }
 

@@ -1,6 +1,8 @@
 """USB client and USB device against USB units of the emulator, through the real libusb."""
 import asyncio
 import collections
+import subprocess
+import sys
 import threading
 import time
 
@@ -243,3 +245,24 @@ def test_the_usb_sink_handle_drives_its_ports(usb_unit):
         asyncio.run(main())
     finally:
         dev.close()
+
+
+def test_the_node_of_an_unplugged_unit_answers_as_a_gone_device_however_often_it_is_opened(usb_unit):
+    # A host that listed the bus just before an unplug opens the node afterwards; that must fail
+    # as a gone device does, every time, and never end the host (its own process here).
+    unit = usb_unit()
+    s = unit.stats()
+    node = "/dev/bus/usb/%03d/%03d" % (s["usb.bus"], s["usb.address"])
+    unit.unplug()
+    probe = ("import errno, fcntl, os, struct\n"
+             "for _ in range(100):\n"
+             "    fd = os.open(%r, os.O_RDWR)\n"
+             "    try:\n"
+             "        fcntl.ioctl(fd, 0x8004551a, struct.pack('I', 0))\n"  # the capabilities query
+             "    except OSError as e:\n"
+             "        assert e.errno == errno.ENODEV, e\n"
+             "    else:\n"
+             "        raise AssertionError('answered')\n"
+             "    os.close(fd)\n") % node
+    done = subprocess.run([sys.executable, "-c", probe], capture_output=True, text=True, timeout=30)
+    assert done.returncode == 0, done.stderr
