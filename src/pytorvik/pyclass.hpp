@@ -14,10 +14,13 @@ namespace py = pybind11;
 
 class PyClass {
 public:
-    PyClass(py::module_& m, std::string_view name, const py::tuple& bases, std::string_view doc) {
+    // `slots`, when given, becomes the class's __slots__.
+    PyClass(py::module_& m, std::string_view name, const py::tuple& bases, std::string_view doc,
+            const py::object& slots = py::object()) {
         py::dict ns;
         ns["__module__"] = m.attr("__name__");
         ns["__doc__"] = py::str(doc.data(), doc.size());
+        if (slots) ns["__slots__"] = slots;
         cls_ = py::reinterpret_borrow<py::object>(reinterpret_cast<PyObject*>(&PyType_Type))(
             py::str(name.data(), name.size()), bases, ns);
         m.attr(py::str(name.data(), name.size())) = cls_;

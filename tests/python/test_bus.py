@@ -1,6 +1,7 @@
 """I2C, SPI, UART and CAN operations against the emulator: payloads, status indices, checks, the
 receive paths (workers, gates, the reader's queues), and the CAN frame type."""
 import asyncio
+import copy
 import threading
 
 import pytest
@@ -274,6 +275,9 @@ def test_can_frame_value_type():
         pass
 
     assert type(Tagged.fromU8List(f.frame_in_list)) is Tagged
+    f.stamp = 1.5  # a script's own attribute, beside the fields
+    g = copy.copy(f)
+    assert (g.id, g.data, g.frame_in_list, g.stamp) == (5, f.data, f.frame_in_list, 1.5) and g.data is f.data
     assert t.CANModule._checkCANTXIndex(2) is True
     with pytest.raises(TypeError, match=r"_checkCANTXIndex\(\) takes exactly one argument \(2 given\)"):
         t.CANModule._checkCANTXIndex(0, 1)

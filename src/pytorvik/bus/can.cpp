@@ -4,6 +4,8 @@
 #include "services/module_support.hpp"
 #include "services/modules.hpp"
 
+#include <structmember.h>  // PyMemberDef: where a slot lives
+
 namespace torvik::py_binding {
 
 namespace {
@@ -73,6 +75,7 @@ py::object fromU8List(py::handle cls, py::handle u8_list) {
 struct FrameClassState {
     std::vector<std::pair<py::object, py::object>> originals;  // (name, function)
     py::object names[6];  // id, id_format, remote, data, id_in_list, frame_in_list
+    Py_ssize_t offsets[6];  // where an instance holds each of them
 };
 FrameClassState* g_frame_state = nullptr;  // lives as long as the module
 
@@ -117,10 +120,7 @@ PyObject* fastFrame(PyTypeObject* cls, const std::uint8_t* p) {
     // bits do not come back.
     std::uint32_t again = ext ? (word & 0xFFE3FFFFu) | 0x80000u : word & 0xFFE00000u;
     if (remote) again |= 0x100000u;
-    // Through the type's own allocation, so that the instance gets the compact attribute storage
-    // its class shares (an empty tuple of arguments is one shared object).
-    static PyObject* no_args = PyTuple_New(0);
-    py::object frame = py::reinterpret_steal<py::object>(owned(cls->tp_new(cls, no_args, nullptr)));
+    py::object frame = py::reinterpret_steal<py::object>(owned(cls->tp_alloc(cls, 0)));
     py::object data = py::reinterpret_steal<py::object>(owned(PyList_New(8)));
     py::object id_in_list = py::reinterpret_steal<py::object>(owned(PyList_New(4)));
     py::object frame_in_list = py::reinterpret_steal<py::object>(owned(PyList_New(12)));
@@ -144,12 +144,9 @@ PyObject* fastFrame(PyTypeObject* cls, const std::uint8_t* p) {
     PyObject_GC_UnTrack(frame_in_list.ptr());
     PyObject* values[6] = {standardId(id), owned(PyLong_FromLong(ext)), owned(PyLong_FromLong(remote)),
                            data.release().ptr(), id_in_list.release().ptr(), frame_in_list.release().ptr()};
-    int failed = 0;
-    for (int i = 0; i < 6; ++i) {
-        if (!failed) failed = PyObject_GenericSetAttr(frame.ptr(), g_frame_state->names[i].ptr(), values[i]);
-        Py_DECREF(values[i]);
-    }
-    if (failed) throw py::error_already_set();
+    // The fields are slots of the fresh instance: stored straight, as their descriptors would.
+    char* base = reinterpret_cast<char*>(frame.ptr());
+    for (int i = 0; i < 6; ++i) *reinterpret_cast<PyObject**>(base + g_frame_state->offsets[i]) = values[i];
     return frame.release().ptr();
 }
 
@@ -382,7 +379,10 @@ void canFree(py::handle self) {
 }  // namespace
 
 void bindCAN(py::module_& m) {
-    PyClass frame(m, "CANFrame", py::tuple(), "A CAN frame: identifier, format and remote flags, eight data bytes, and its 12-byte wire form.");
+    // The fields are slots (with a __dict__ beside them for a script's own attributes): a frame
+    // is then one allocation, not two, and the decoder fills it without attribute lookups.
+    PyClass frame(m, "CANFrame", py::tuple(), "A CAN frame: identifier, format and remote flags, eight data bytes, and its 12-byte wire form.",
+                  py::make_tuple("id", "id_format", "remote", "data", "id_in_list", "frame_in_list", "__dict__", "__weakref__"));
     frame
         .def("__init__", &frameInit, py::arg("id_"), py::arg("id_format") = 0, py::arg("remote") = 0,
              py::arg("data") = py::list(py::make_tuple(0, 0, 0, 0, 0, 0, 0, 0)))
@@ -409,6 +409,10 @@ void bindCAN(py::module_& m) {
         PyObject* interned = PyUnicode_InternFromString(fields[i]);
         if (interned == nullptr) throw py::error_already_set();
         g_frame_state->names[i] = py::reinterpret_steal<py::object>(interned);
+        PyObject* member = PyDict_GetItemWithError(reinterpret_cast<PyTypeObject*>(frame.object().ptr())->tp_dict, interned);
+        if (member == nullptr || Py_TYPE(member) != &PyMemberDescr_Type) throw std::logic_error("CANFrame field without a slot");
+        g_frame_state->offsets[i] = reinterpret_cast<PyMemberDescrObject*>(member)->d_member->offset;
+        g_frame_state->originals.emplace_back(g_frame_state->names[i], py::reinterpret_borrow<py::object>(member));
     }
 
     py::class_<CANCore, std::shared_ptr<CANCore>>(m, "_CANCore");

@@ -1040,6 +1040,12 @@ class UARTModule(Packet):
 
 class CANFrame:
     """A CAN frame: identifier, format and remote flags, eight data bytes, and its 12-byte wire form."""
+    data: Any
+    frame_in_list: Any
+    id: Any
+    id_format: Any
+    id_in_list: Any
+    remote: Any
     def __init__(self, id_: Any, id_format: Any = ..., remote: Any = ..., data: Any = ...) -> None: ...  # type: ignore[override]
     def __str__(self) -> str: ...  # type: ignore[override]
     def regularizeData(self, data: Any) -> Any: ...
