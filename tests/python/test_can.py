@@ -1,6 +1,8 @@
 """The CAN module against the emulator's CAN controllers over emulated USB: the port's life cycle,
 the emulated bus between units and its tester node, acceptance filters, the stream with its faults."""
 import asyncio
+import copy
+import pickle
 import threading
 import time
 import warnings
@@ -292,6 +294,17 @@ def test_read_frames_equal_what_from_u8_list_builds(lan):
         return await read_until(dev, len(rows))
 
     got = run(go())
+    # A received frame makes its lists when first asked, from its own bytes: copies and pickles
+    # of untouched frames carry them, and a list changed or taken away stays so.
+    clones = [pickle.loads(pickle.dumps(got[0])), copy.deepcopy(got[1])]
+    assert [fields_of(c) for c in clones] == [fields_of(f) for f in got[:2]]
+    got[2].data.append(7)
+    assert got[2].frame_in_list == RAW[2][2] + rows[2][4:] and got[2].data[8:] == [7]
+    del got[3].id_in_list
+    with pytest.raises(AttributeError, match="'CANFrame' object has no attribute 'id_in_list'"):
+        got[3].id_in_list
+    got[3].id_in_list = RAW[3][2]
+    got[2].data.pop()
     for frame, row, (word, fields, again) in zip(got, rows, RAW):
         want = t.CANFrame.fromU8List(row)
         assert type(frame) is t.CANFrame and fields_of(frame) == fields_of(want)

@@ -6,6 +6,8 @@
 
 #include <structmember.h>  // PyMemberDef: where a slot lives
 
+#include <cstring>
+
 namespace torvik::py_binding {
 
 namespace {
@@ -110,8 +112,129 @@ PyObject* standardId(std::uint32_t id) {
     return owned(PyLong_FromUnsignedLong(id));
 }
 
+// ---- received frames: their lists are made when first used ----
+// A received frame keeps its 12 wire bytes in the instance and makes its three lists (two
+// allocations each) only when they are first read: a reader that looks at an identifier and a
+// byte or two pays for neither. Every frame is an instance of this base.
+struct FrameWire {
+    PyObject_HEAD
+    std::uint8_t raw[12];  // setID's word, then the data bytes
+    std::uint8_t pending;  // bit i: list i (data, id_in_list, frame_in_list) not made yet
+};
+PyTypeObject* g_wire_type = nullptr;
+
+// data, id_in_list and frame_in_list: where each lies in the wire bytes.
+constexpr struct {
+    int from, count;
+} kListBytes[3] = {{4, 8}, {0, 4}, {0, 12}};
+
+// The descriptor of one of the three list fields, in the place of the slot's own descriptor.
+struct LazyList {
+    PyObject_HEAD
+    int index;
+    Py_ssize_t offset;  // of the slot
+    PyObject* name;
+};
+
+PyObject** listSlot(const LazyList* d, PyObject* obj) {
+    return reinterpret_cast<PyObject**>(reinterpret_cast<char*>(obj) + d->offset);
+}
+
+bool wrongInstance(const LazyList* d, PyObject* obj) {
+    if (PyObject_TypeCheck(obj, reinterpret_cast<PyTypeObject*>(g_frame_class.ptr()))) return false;
+    PyErr_Format(PyExc_TypeError, "descriptor '%U' for 'CANFrame' objects doesn't apply to a '%s' object", d->name,
+                 Py_TYPE(obj)->tp_name);
+    return true;
+}
+
+PyObject* lazyGet(PyObject* self, PyObject* obj, PyObject*) {
+    auto* d = reinterpret_cast<LazyList*>(self);
+    if (obj == nullptr) return Py_NewRef(self);
+    if (wrongInstance(d, obj)) return nullptr;
+    PyObject** slot = listSlot(d, obj);
+    if (*slot == nullptr) {
+        auto* w = reinterpret_cast<FrameWire*>(obj);
+        const int bit = 1 << d->index;
+        if (!(w->pending & bit)) {
+            PyErr_Format(PyExc_AttributeError, "'%s' object has no attribute '%U'", Py_TYPE(obj)->tp_name, d->name);
+            return nullptr;
+        }
+        const auto [from, count] = kListBytes[d->index];
+        PyObject* list = PyList_New(count);
+        if (list == nullptr) return nullptr;
+        for (int i = 0; i < count; ++i) PyList_SET_ITEM(list, i, PyLong_FromLong(w->raw[from + i]));  // small ints
+        // A list of small ints takes part in no reference cycle, so the cyclic collector need not
+        // walk it (as the interpreter stops tracking tuples of atomic values): a reader that takes
+        // the data of a million frames otherwise pays for collections that find nothing. The
+        // price: a cycle that a script builds through such a list itself is never collected.
+        PyObject_GC_UnTrack(list);
+        *slot = list;
+        w->pending &= static_cast<std::uint8_t>(~bit);
+    }
+    return Py_NewRef(*slot);
+}
+
+int lazySet(PyObject* self, PyObject* obj, PyObject* value) {
+    auto* d = reinterpret_cast<LazyList*>(self);
+    if (wrongInstance(d, obj)) return -1;
+    PyObject** slot = listSlot(d, obj);
+    auto* w = reinterpret_cast<FrameWire*>(obj);
+    const int bit = 1 << d->index;
+    if (value == nullptr && *slot == nullptr && !(w->pending & bit)) {
+        PyErr_Format(PyExc_AttributeError, "'%s' object has no attribute '%U'", Py_TYPE(obj)->tp_name, d->name);
+        return -1;
+    }
+    w->pending &= static_cast<std::uint8_t>(~bit);
+    PyObject* old = *slot;
+    *slot = Py_XNewRef(value);
+    Py_XDECREF(old);
+    return 0;
+}
+
+PyObject* lazyRepr(PyObject* self) {
+    return PyUnicode_FromFormat("<member '%U' of 'CANFrame' objects>", reinterpret_cast<LazyList*>(self)->name);
+}
+
+void lazyDealloc(PyObject* self) {
+    PyTypeObject* type = Py_TYPE(self);
+    Py_XDECREF(reinterpret_cast<LazyList*>(self)->name);
+    type->tp_free(self);
+    Py_DECREF(type);
+}
+
+PyTypeObject* newType(const char* name, int basicsize, unsigned flags, PyType_Slot* slots) {
+    PyType_Spec spec{name, basicsize, 0, flags, slots};
+    PyObject* type = PyType_FromSpec(&spec);
+    if (type == nullptr) throw py::error_already_set();
+    return reinterpret_cast<PyTypeObject*>(type);  // lives as long as the process
+}
+
+// Puts the lazy descriptors in the place of the slots' own; returns where the slots lie.
+void installLazyLists(PyTypeObject* frame_type, const py::object (&names)[6], Py_ssize_t (&offsets)[6]) {
+    static PyType_Slot slots[] = {{Py_tp_descr_get, reinterpret_cast<void*>(&lazyGet)},
+                                  {Py_tp_descr_set, reinterpret_cast<void*>(&lazySet)},
+                                  {Py_tp_dealloc, reinterpret_cast<void*>(&lazyDealloc)},
+                                  {Py_tp_repr, reinterpret_cast<void*>(&lazyRepr)},
+                                  {0, nullptr}};
+    static PyTypeObject* lazy_type = newType("pytorvik._LazyList", sizeof(LazyList), Py_TPFLAGS_DEFAULT, slots);
+    for (int i = 0; i < 6; ++i) {
+        PyObject* member = PyDict_GetItemWithError(frame_type->tp_dict, names[i].ptr());
+        if (member == nullptr || Py_TYPE(member) != &PyMemberDescr_Type) throw std::logic_error("CANFrame field without a slot");
+        offsets[i] = reinterpret_cast<PyMemberDescrObject*>(member)->d_member->offset;
+        if (i < 3) continue;
+        auto* d = PyObject_New(LazyList, lazy_type);
+        if (d == nullptr) throw py::error_already_set();
+        d->index = i - 3;
+        d->offset = offsets[i];
+        d->name = Py_NewRef(names[i].ptr());
+        py::object owner = py::reinterpret_steal<py::object>(reinterpret_cast<PyObject*>(d));
+        if (PyObject_SetAttr(reinterpret_cast<PyObject*>(frame_type), names[i].ptr(), owner.ptr()) < 0)
+            throw py::error_already_set();
+    }
+}
+
 // Builds one CANFrame from its 12 bytes with the fields that fromU8List and the constructor
-// give it, in their order, without running them: no intermediate lists, no calls.
+// give it, without running them: no calls, and the lists wait until they are read.
 PyObject* fastFrame(PyTypeObject* cls, const std::uint8_t* p) {
     const std::uint32_t word = std::uint32_t{p[0]} << 24 | std::uint32_t{p[1]} << 16 | std::uint32_t{p[2]} << 8 | p[3];
     const int ext = (p[1] >> 3) & 1, remote = (p[1] >> 4) & 1;
@@ -120,34 +243,33 @@ PyObject* fastFrame(PyTypeObject* cls, const std::uint8_t* p) {
     // bits do not come back.
     std::uint32_t again = ext ? (word & 0xFFE3FFFFu) | 0x80000u : word & 0xFFE00000u;
     if (remote) again |= 0x100000u;
-    py::object frame = py::reinterpret_steal<py::object>(owned(cls->tp_alloc(cls, 0)));
-    py::object data = py::reinterpret_steal<py::object>(owned(PyList_New(8)));
-    py::object id_in_list = py::reinterpret_steal<py::object>(owned(PyList_New(4)));
-    py::object frame_in_list = py::reinterpret_steal<py::object>(owned(PyList_New(12)));
-    for (int i = 0; i < 4; ++i) {
-        PyObject* b = owned(PyLong_FromLong((again >> (24 - 8 * i)) & 0xFF));  // small ints: shared
-        Py_INCREF(b);
-        PyList_SET_ITEM(id_in_list.ptr(), i, b);
-        PyList_SET_ITEM(frame_in_list.ptr(), i, b);
+    PyObject* id_value = standardId(id);
+    PyObject* frame = cls->tp_alloc(cls, 0);
+    if (frame == nullptr) {
+        Py_DECREF(id_value);
+        throw py::error_already_set();
     }
-    for (int i = 0; i < 8; ++i) {
-        PyObject* b = owned(PyLong_FromLong(p[4 + i]));
-        Py_INCREF(b);
-        PyList_SET_ITEM(data.ptr(), i, b);
-        PyList_SET_ITEM(frame_in_list.ptr(), 4 + i, b);
-    }
-    // Lists of small ints can take part in no reference cycle, so the cyclic collector need not
-    // walk them (as the interpreter itself stops tracking tuples and dicts of atomic values): a
-    // large read then costs one collector visit a frame instead of four.
-    PyObject_GC_UnTrack(data.ptr());
-    PyObject_GC_UnTrack(id_in_list.ptr());
-    PyObject_GC_UnTrack(frame_in_list.ptr());
-    PyObject* values[6] = {standardId(id), owned(PyLong_FromLong(ext)), owned(PyLong_FromLong(remote)),
-                           data.release().ptr(), id_in_list.release().ptr(), frame_in_list.release().ptr()};
-    // The fields are slots of the fresh instance: stored straight, as their descriptors would.
-    char* base = reinterpret_cast<char*>(frame.ptr());
-    for (int i = 0; i < 6; ++i) *reinterpret_cast<PyObject**>(base + g_frame_state->offsets[i]) = values[i];
-    return frame.release().ptr();
+    auto* w = reinterpret_cast<FrameWire*>(frame);
+    for (int i = 0; i < 4; ++i) w->raw[i] = static_cast<std::uint8_t>(again >> (24 - 8 * i));
+    std::memcpy(w->raw + 4, p + 4, 8);
+    w->pending = 7;
+    char* base = reinterpret_cast<char*>(frame);
+    const Py_ssize_t* at = g_frame_state->offsets;
+    *reinterpret_cast<PyObject**>(base + at[0]) = id_value;
+    *reinterpret_cast<PyObject**>(base + at[1]) = PyLong_FromLong(ext);  // small ints: never fail
+    *reinterpret_cast<PyObject**>(base + at[2]) = PyLong_FromLong(remote);
+    return frame;
+}
+
+// What copy and pickle take of a frame: its instance attributes, and its fields (lists made).
+py::object frameState(py::handle self) {
+    py::dict fields;
+    for (const auto& name : g_frame_state->names)
+        if (py::hasattr(self, name)) fields[name] = self.attr(name);
+    py::object attrs = py::none();
+    if (PyObject** dict = _PyObject_GetDictPtr(self.ptr()); dict != nullptr && *dict != nullptr && PyDict_GET_SIZE(*dict) > 0)
+        attrs = py::reinterpret_borrow<py::object>(*dict);
+    return py::make_tuple(attrs, fields);
 }
 
 // Received records become CANFrame objects only when they are read.
@@ -381,7 +503,12 @@ void canFree(py::handle self) {
 void bindCAN(py::module_& m) {
     // The fields are slots (with a __dict__ beside them for a script's own attributes): a frame
     // is then one allocation, not two, and the decoder fills it without attribute lookups.
-    PyClass frame(m, "CANFrame", py::tuple(), "A CAN frame: identifier, format and remote flags, eight data bytes, and its 12-byte wire form.",
+    static char wire_doc[] = "The wire bytes that a received CANFrame keeps until its lists are first read.";
+    static PyType_Slot wire_slots[] = {{Py_tp_doc, wire_doc}, {0, nullptr}};
+    g_wire_type = newType("pytorvik._CANFrameWire", sizeof(FrameWire), Py_TPFLAGS_DEFAULT | Py_TPFLAGS_BASETYPE, wire_slots);
+    m.attr("_CANFrameWire") = py::handle(reinterpret_cast<PyObject*>(g_wire_type));
+    PyClass frame(m, "CANFrame", py::make_tuple(py::handle(reinterpret_cast<PyObject*>(g_wire_type))),
+                  "A CAN frame: identifier, format and remote flags, eight data bytes, and its 12-byte wire form.",
                   py::make_tuple("id", "id_format", "remote", "data", "id_in_list", "frame_in_list", "__dict__", "__weakref__"));
     frame
         .def("__init__", &frameInit, py::arg("id_"), py::arg("id_format") = 0, py::arg("remote") = 0,
@@ -392,7 +519,8 @@ void bindCAN(py::module_& m) {
                      .format(self.attr("id"), self.attr("id_format"), self.attr("remote"), self.attr("data"));
              })
         .def("regularizeData", [](py::handle, py::handle data) { return regularizeData(data); }, py::arg("data"))
-        .def("setID", [](py::handle self) { setID(self); });
+        .def("setID", [](py::handle self) { setID(self); })
+        .def("__getstate__", &frameState);
     py::setattr(frame.object(), "fromU8List",
                 py::module_::import("builtins").attr("classmethod")(py::cpp_function(&fromU8List, py::name("fromU8List"))));
     g_frame_class = frame.object();
@@ -409,11 +537,11 @@ void bindCAN(py::module_& m) {
         PyObject* interned = PyUnicode_InternFromString(fields[i]);
         if (interned == nullptr) throw py::error_already_set();
         g_frame_state->names[i] = py::reinterpret_steal<py::object>(interned);
-        PyObject* member = PyDict_GetItemWithError(reinterpret_cast<PyTypeObject*>(frame.object().ptr())->tp_dict, interned);
-        if (member == nullptr || Py_TYPE(member) != &PyMemberDescr_Type) throw std::logic_error("CANFrame field without a slot");
-        g_frame_state->offsets[i] = reinterpret_cast<PyMemberDescrObject*>(member)->d_member->offset;
-        g_frame_state->originals.emplace_back(g_frame_state->names[i], py::reinterpret_borrow<py::object>(member));
     }
+    auto* frame_type = reinterpret_cast<PyTypeObject*>(frame.object().ptr());
+    installLazyLists(frame_type, g_frame_state->names, g_frame_state->offsets);
+    for (const auto& name : g_frame_state->names)
+        g_frame_state->originals.emplace_back(name, py::reinterpret_borrow<py::object>(PyDict_GetItem(frame_type->tp_dict, name.ptr())));
 
     py::class_<CANCore, std::shared_ptr<CANCore>>(m, "_CANCore");
     PyClass can(m, "CANModule", py::make_tuple(m.attr("Packet")), "A CAN port: set-up, writes, acceptance filters and received frames.");
