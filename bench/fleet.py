@@ -44,7 +44,12 @@ class LanUart(t.ETHDevice, t.SystemModule, t.UARTModule):
 
 
 def library_threads(dev):
-    return [v for v in vars(dev).values() if isinstance(v, threading.Thread)]
+    return {k: v for k, v in vars(dev).items() if isinstance(v, threading.Thread)}
+
+
+def thread_seconds(dev):
+    """CPU seconds of each of the handle's library threads, by attribute name."""
+    return {k: thread_cpu_seconds(th) for k, th in library_threads(dev).items()}
 
 
 def percentile(values, q):
@@ -80,7 +85,7 @@ class Member:
         if self.uart:
             await d.UART_open_async(self.uart)
             await d.UART_setBaudRate_async(self.uart, 115200)
-        self.cpu0 = sum(thread_cpu_seconds(th) for th in library_threads(d))
+        self.cpu0 = thread_seconds(d)
         self.t_start = time.perf_counter()
         if self.ai_port is not None:
             await d.AI_start_async(self.ai_port)
@@ -112,11 +117,13 @@ class Member:
         if self.uart:
             self.uart_bytes += len(await d.UART_read_async(self.uart, -1))
             await d.UART_close_async(self.uart)
-        self.cpu = sum(thread_cpu_seconds(th) for th in library_threads(d)) - self.cpu0
+        self.cpu_by_thread = {k: v - self.cpu0.get(k, 0.0) for k, v in thread_seconds(d).items()}
+        self.cpu = sum(self.cpu_by_thread.values())
 
     def report(self):
         seconds = self.t_stop - self.t_start
         out = {"name": self.name, "seconds": seconds, "cpu": self.cpu / seconds,
+               "cpu_by_thread": {k: v / seconds for k, v in self.cpu_by_thread.items()},
                "p50": percentile(self.rtts, 0.5), "p99": percentile(self.rtts, 0.99),
                "idle_p99": percentile(self.idle_rtts, 0.99), "pings": len(self.rtts)}
         if self.ai_port is not None:
@@ -258,6 +265,11 @@ def show(title, reports):
     worst = max(r["p99"] / r["idle_p99"] for r in reports)
     cpu = sum(r["cpu"] for r in reports)
     expected = sum((r.get("ai") or {}).get("expected", 0) for r in reports)
+    by_thread = {}
+    for r in reports:
+        for k, v in r["cpu_by_thread"].items():
+            by_thread[k] = by_thread.get(k, 0.0) + v
+    print("  library CPU by thread: " + ", ".join("%s %.1f %%" % (k, 100 * v) for k, v in sorted(by_thread.items())))
     print("  lost: %d; worst p99 under load / idle p99: %.1f x; library CPU: %.1f %% of one core; AI frames "
           "expected at the units' rates: %d" % (lost, worst, 100 * cpu, expected))
 

@@ -93,6 +93,29 @@ TEST(TcpClient, PeerShutdownReadsEmptyThenAReceiveThreadParksUntilDisconnect) {
     ::close(peer);
 }
 
+TEST(TcpClient, AReceiveThreadTakesABurstInOneReadAndLeavesTheEndToTheNext) {
+    Listener l("127.0.3.4");
+    transport::TcpClient c;
+    c.connect("127.0.3.4", l.port);
+    int peer = l.accept();
+    std::vector<std::uint8_t> burst;
+    for (std::uint8_t i = 0; i < 40; ++i) {  // 40 frames of 107 bytes: many reads of 64 bytes
+        auto f = unitFrame(wire::GET_DRIVER_INFO, std::vector<std::uint8_t>(100, i));
+        burst.insert(burst.end(), f.begin(), f.end());
+    }
+    ASSERT_EQ(::send(peer, burst.data(), burst.size(), 0), static_cast<ssize_t>(burst.size()));
+    ::shutdown(peer, SHUT_WR);
+    std::this_thread::sleep_for(20ms);  // all of it in the socket
+    auto packets = c.receiveAndSplit(64);
+    ASSERT_EQ(packets.size(), 40u);
+    for (std::uint8_t i = 0; i < 40; ++i) EXPECT_EQ(packets[i].data, std::vector<std::uint8_t>(100, i));
+    auto parked = std::async(std::launch::async, [&] { return c.receiveAndSplit(64); });
+    EXPECT_EQ(parked.wait_for(30ms), std::future_status::ready);  // the end of the stream: read at once, empty
+    EXPECT_TRUE(parked.get().empty());
+    c.disconnect();
+    ::close(peer);
+}
+
 TEST(TcpClient, RefusedConnectAndBadPortAndTimeLimit) {
     transport::TcpClient c;
     EXPECT_THROW(c.connect("127.0.3.3", 1), transport::ConnectFailed);

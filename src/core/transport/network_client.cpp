@@ -152,6 +152,29 @@ std::vector<wire::Packet> NetworkClient::recvAndSplitPacket(std::size_t length, 
     });
 }
 
+std::vector<wire::Packet> NetworkClient::receiveAndSplit(std::size_t length) {
+    std::vector<std::uint8_t> chunk = recvPacket(length, true);
+    if (chunk.empty()) return {};
+    // What is left of a burst is taken without waiting, up to a bound that keeps the split
+    // moving. Errors and the end of the stream are left to the next recvPacket to report.
+    constexpr std::size_t kBurstBound = 256 * 1024;
+    if (length > 0 && chunk.size() == length) {
+        if (auto sock = socket(); sock && sock->isStream()) {
+            while (chunk.size() % length == 0 && chunk.size() < kBurstBound) {
+                const std::size_t have = chunk.size();
+                chunk.resize(have + length);
+                const ssize_t n = ::recv(sock->fd(), chunk.data() + have, length, MSG_DONTWAIT);
+                chunk.resize(have + static_cast<std::size_t>(std::max<ssize_t>(n, 0)));
+                if (n <= 0) break;
+            }
+        }
+    }
+    return withStream([&](wire::FrameSplitter& s) {
+        s.append(chunk);
+        return s.split();
+    });
+}
+
 void NetworkClient::sendPacket(std::span<const std::uint8_t> bytes) {
     auto sock = requireSocket("send");
     for (;;) {

@@ -96,7 +96,7 @@ void runNetworkReceiver(py::handle self, const char* gate_attr, std::shared_ptr<
             device::runReceiveLoop(
                 *core, *gate, *client_slot,
                 [read_size](transport::Client& c) {
-                    return dynamic_cast<transport::NetworkClient&>(c).recvAndSplitPacket(read_size, true);
+                    return dynamic_cast<transport::NetworkClient&>(c).receiveAndSplit(read_size);
                 },
                 [](std::exception_ptr, unsigned failures) { return device::backoff(failures); });
         } catch (const device::RoutingError&) {
