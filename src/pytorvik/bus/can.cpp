@@ -203,8 +203,8 @@ void lazyDealloc(PyObject* self) {
 }
 
 PyTypeObject* newType(const char* name, int basicsize, unsigned flags, PyType_Slot* slots) {
-    PyType_Spec spec{name, basicsize, 0, flags, slots};
-    PyObject* type = PyType_FromSpec(&spec);
+    PyType_Spec layout{name, basicsize, 0, flags, slots};
+    PyObject* type = PyType_FromSpec(&layout);
     if (type == nullptr) throw py::error_already_set();
     return reinterpret_cast<PyTypeObject*>(type);  // lives as long as the process
 }
