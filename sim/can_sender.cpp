@@ -18,10 +18,9 @@ constexpr int kPayloadsPerRound = 16;
 constexpr std::size_t kFramesFrom = 6;
 }  // namespace
 
-CanSender::CanSender(EventLoop& loop, Unit& unit) : loop_(loop), unit_(unit) {}
+CanSender::CanSender(EventLoop& loop, Unit& unit) : unit_(unit), timer_(loop, [this] { round(); }) {}
 
 CanSender::~CanSender() {
-    if (timer_) loop_.cancel(timer_);
     if (CanController* can = controller()) can->on_frames = nullptr;
 }
 
@@ -75,18 +74,6 @@ void CanSender::linkClosed() {
 }
 
 void CanSender::poke() { schedule(Clock::now()); }
-
-void CanSender::schedule(Clock::time_point when) {
-    if (timer_) {
-        if (timer_due_ <= when) return;
-        loop_.cancel(timer_);
-    }
-    timer_due_ = when;
-    timer_ = loop_.at(when, [this] {
-        timer_ = 0;
-        round();
-    });
-}
 
 std::size_t CanSender::sendPayload(Link& link, std::uint8_t port, std::span<const std::uint8_t> records, std::size_t max,
                                    std::size_t extra) {

@@ -67,12 +67,11 @@ public:
 private:
     CanController* controller() const;
     void round();
-    void schedule(Clock::time_point when);
+    void schedule(Clock::time_point when) { timer_.schedule(when); }
     // Sends up to `max` of the records (12 bytes each) as one stream frame; returns how many went.
     std::size_t sendPayload(Link& link, std::uint8_t port, std::span<const std::uint8_t> records, std::size_t max,
                             std::size_t extra = 0);
 
-    EventLoop& loop_;
     Unit& unit_;
     std::string bus_name_;
     std::size_t frames_ = kDefaultFrames;
@@ -81,8 +80,7 @@ private:
     std::size_t torn_extra_ = 0;
     bool torn_pending_ = false;
     Stats stats_;
-    EventLoop::TimerId timer_ = 0;
-    Clock::time_point timer_due_{};
+    RoundTimer timer_;  // last: it goes first, before what its round reads
 };
 
 }  // namespace sim

@@ -73,6 +73,18 @@ void EventLoop::cancel(TimerId id) {
     rearmTimer();
 }
 
+void RoundTimer::schedule(Clock::time_point when) {
+    if (id_) {
+        if (due_ <= when) return;
+        loop_.cancel(id_);
+    }
+    due_ = when;
+    id_ = loop_.at(when, [this] {
+        id_ = 0;
+        round_();
+    });
+}
+
 void EventLoop::rearmTimer() {
     itimerspec when{};  // all zero disarms
     if (!timers_.empty()) {

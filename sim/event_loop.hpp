@@ -64,4 +64,21 @@ private:
     int exit_code_ = 0;
 };
 
+// A one-shot timer that runs `round` at the earliest time asked of it: a later request while one
+// is pending changes nothing, an earlier one brings it forward. Cancelled when it goes.
+class RoundTimer {
+public:
+    RoundTimer(EventLoop& loop, std::function<void()> round) : loop_(loop), round_(std::move(round)) {}
+    ~RoundTimer() { loop_.cancel(id_); }
+    RoundTimer(const RoundTimer&) = delete;
+    RoundTimer& operator=(const RoundTimer&) = delete;
+    void schedule(Clock::time_point when);
+
+private:
+    EventLoop& loop_;
+    std::function<void()> round_;
+    EventLoop::TimerId id_ = 0;  // 0: none pending
+    Clock::time_point due_{};
+};
+
 }  // namespace sim

@@ -12,11 +12,7 @@ namespace {
 constexpr int kPayloadsPerRound = 16;
 }  // namespace
 
-StreamSender::StreamSender(EventLoop& loop, Unit& unit) : loop_(loop), unit_(unit) {}
-
-StreamSender::~StreamSender() {
-    if (timer_) loop_.cancel(timer_);
-}
+StreamSender::StreamSender(EventLoop& loop, Unit& unit) : unit_(unit), timer_(loop, [this] { round(); }) {}
 
 std::size_t StreamSender::maxFrames(int channels) {
     // A length field above 32767 reads negative on the host: 1 code byte, port and status.
@@ -76,18 +72,6 @@ void StreamSender::linkClosed() {
 }
 
 void StreamSender::poke() { schedule(Clock::now()); }
-
-void StreamSender::schedule(Clock::time_point when) {
-    if (timer_) {
-        if (timer_due_ <= when) return;
-        loop_.cancel(timer_);
-    }
-    timer_due_ = when;
-    timer_ = loop_.at(when, [this] {
-        timer_ = 0;
-        round();
-    });
-}
 
 void StreamSender::round() {
     AnalogInput* ai = input();

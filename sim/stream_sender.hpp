@@ -44,7 +44,6 @@ public:
     static constexpr std::size_t kDefaultFrames = 600;
 
     StreamSender(EventLoop& loop, Unit& unit);
-    ~StreamSender();
     StreamSender(const StreamSender&) = delete;
     StreamSender& operator=(const StreamSender&) = delete;
 
@@ -77,9 +76,8 @@ private:
     AnalogInput* input() const;
     Link* link(const AnalogInput& ai) const;
     void round();
-    void schedule(Clock::time_point when);
+    void schedule(Clock::time_point when) { timer_.schedule(when); }
 
-    EventLoop& loop_;
     Unit& unit_;
     Pace pace_ = Pace::Realtime;
     std::size_t frames_ = kDefaultFrames;
@@ -87,8 +85,7 @@ private:
     std::uint64_t burst_left_ = 0;
     std::size_t torn_extra_ = 0;  // 0: none pending
     Stats stats_;
-    EventLoop::TimerId timer_ = 0;
-    Clock::time_point timer_due_{};
+    RoundTimer timer_;  // last: it goes first, before what its round reads
 };
 
 }  // namespace sim

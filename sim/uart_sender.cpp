@@ -19,11 +19,7 @@ constexpr std::size_t kDataOffset = 3 + 1 + 2;
 constexpr std::uint8_t kHeader = 0x80;
 }  // namespace
 
-UartSender::UartSender(EventLoop& loop, Unit& unit) : loop_(loop), unit_(unit) {}
-
-UartSender::~UartSender() {
-    if (timer_) loop_.cancel(timer_);
-}
+UartSender::UartSender(EventLoop& loop, Unit& unit) : unit_(unit), timer_(loop, [this] { round(); }) {}
 
 Uart* UartSender::uart() const {
     auto* fw = dynamic_cast<ProductFirmware*>(&unit_.firmware());
@@ -38,18 +34,6 @@ void UartSender::linkClosed() {
 }
 
 void UartSender::poke() { schedule(Clock::now()); }
-
-void UartSender::schedule(Clock::time_point when) {
-    if (timer_) {
-        if (timer_due_ <= when) return;
-        loop_.cancel(timer_);
-    }
-    timer_due_ = when;
-    timer_ = loop_.at(when, [this] {
-        timer_ = 0;
-        round();
-    });
-}
 
 void UartSender::round() {
     Uart* u = uart();

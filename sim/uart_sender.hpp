@@ -25,7 +25,6 @@ public:
     static constexpr std::size_t kPayloadBytes = 16384;
 
     UartSender(EventLoop& loop, Unit& unit);
-    ~UartSender();
     UartSender(const UartSender&) = delete;
     UartSender& operator=(const UartSender&) = delete;
 
@@ -40,13 +39,11 @@ public:
 private:
     Uart* uart() const;
     void round();
-    void schedule(Clock::time_point when);
+    void schedule(Clock::time_point when) { timer_.schedule(when); }
 
-    EventLoop& loop_;
     Unit& unit_;
     std::uint64_t shortened_ = 0;  // payloads cut short against a false frame
-    EventLoop::TimerId timer_ = 0;
-    Clock::time_point timer_due_{};
+    RoundTimer timer_;  // last: it goes first, before what its round reads
 };
 
 }  // namespace sim
