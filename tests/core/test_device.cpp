@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <future>
 #include <thread>
 
 #include "device/gate.hpp"
@@ -91,6 +92,48 @@ TEST(EchoPool, NoLostWakeUpUnderConcurrentFiling) {
         filer.join();
         EXPECT_TRUE(taken || w->woken == 1);
     }
+}
+
+TEST(EchoPool, CountsAnnouncedAndRegisteredRepliesUntilFiledOrCancelled) {
+    auto p = std::make_shared<EchoPool>();
+    auto a = std::make_shared<CountingWaiter>(), b = std::make_shared<CountingWaiter>();
+    Bytes out;
+    {
+        AwaitedReply announced(p);
+        EXPECT_EQ(p->awaited().load(), 1);
+        EXPECT_FALSE(p->takeOrWait(7, out, a));
+        announced.release();
+        EXPECT_EQ(p->awaited().load(), 1);  // the waiter stands for it now
+    }
+    EXPECT_FALSE(p->takeOrWait(8, out, b));
+    EXPECT_EQ(p->awaited().load(), 2);
+    p->put(7, {1});
+    p->cancelWait(8, b.get());
+    p->cancelWait(8, b.get());  // not registered any more: no change
+    EXPECT_EQ(p->awaited().load(), 0);
+    AwaitedReply moved(AwaitedReply{p});
+    EXPECT_EQ(p->awaited().load(), 1);
+}
+
+TEST(StreamQueue, APacedConsumerSleepsOutItsWindowUnlessAScriptPuts) {
+    StreamQueue q;
+    auto bytes = [](std::uint8_t b) { return StreamItem{StreamItem::Kind::Bytes, {b}, nullptr}; };
+    q.putData(bytes(1));
+    EXPECT_EQ(q.getPaced(1s, 60s)->bytes, Bytes{1});  // not pacing yet: taken at once
+    auto next = std::async(std::launch::async, [&] { return q.getPaced(60s, 60s); });
+    std::this_thread::sleep_for(20ms);
+    q.putData(bytes(2));
+    EXPECT_EQ(next.wait_for(30ms), std::future_status::timeout);  // data alone leaves it asleep
+    q.put(StreamItem{StreamItem::Kind::Token, {}, nullptr});
+    EXPECT_EQ(next.get()->bytes, Bytes{2});  // a script's put wakes it; order kept
+    EXPECT_EQ(q.getPaced(1s, 60s)->kind, StreamItem::Kind::Token);
+    // A window that gathers nothing ends the pacing: the next data wakes it at once.
+    auto eager = std::async(std::launch::async, [&] { return q.getPaced(60s, 1ms); });
+    std::this_thread::sleep_for(20ms);
+    q.putData(bytes(3));
+    ASSERT_EQ(eager.wait_for(10s), std::future_status::ready);
+    EXPECT_EQ(eager.get()->bytes, Bytes{3});
+    EXPECT_FALSE(q.getPaced(5ms, 1ms).has_value());
 }
 
 TEST(StreamQueue, BoundedPutAndTimedGet) {

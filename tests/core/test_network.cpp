@@ -116,6 +116,60 @@ TEST(TcpClient, AReceiveThreadTakesABurstInOneReadAndLeavesTheEndToTheNext) {
     ::close(peer);
 }
 
+TEST(TcpClient, WhileDataFlowsAReaderIsWokenByAReplyNotByEveryPacket) {
+    Listener l("127.0.3.5");
+    transport::TcpClient c;
+    c.connect("127.0.3.5", l.port);
+    c.setTimeout(std::nullopt);
+    int peer = l.accept();
+    std::atomic<int> awaited{0};
+    auto sendFrame = [&](std::uint8_t cmd, std::uint8_t b) {
+        auto f = unitFrame(cmd, {b});
+        ASSERT_EQ(::send(peer, f.data(), f.size(), 0), static_cast<ssize_t>(f.size()));
+    };
+    // An idle reader is woken by the first bytes; a window that brings nothing makes it idle
+    // again (no wake-ups while nothing flows).
+    sendFrame(wire::START_AI_STREAMING, 1);
+    auto packets = c.receiveAndSplit(64, &awaited, 60.0);
+    ASSERT_EQ(packets.size(), 1u);
+    EXPECT_TRUE(c.receiveAndSplit(64, &awaited, 0.01).empty());
+    auto reader = std::async(std::launch::async, [&] { return c.receiveAndSplit(64, &awaited, 0.001); });
+    EXPECT_EQ(reader.wait_for(50ms), std::future_status::timeout);
+    sendFrame(wire::START_AI_STREAMING, 1);
+    ASSERT_EQ(reader.wait_for(10s), std::future_status::ready);
+    EXPECT_EQ(reader.get().size(), 1u);
+
+    // While data flows, stream data alone leave the reader asleep; a command sent makes the next
+    // arrival wake it, and what gathered comes along, in order.
+    reader = std::async(std::launch::async, [&] { return c.receiveAndSplit(64, &awaited, 60.0); });
+    std::this_thread::sleep_for(20ms);
+    sendFrame(wire::START_AI_STREAMING, 2);
+    EXPECT_EQ(reader.wait_for(30ms), std::future_status::timeout);
+    c.sendPacket(wire::buildFrame(wire::GET_DRIVER_INFO, std::vector<std::uint8_t>{}));
+    EXPECT_EQ(reader.wait_for(30ms), std::future_status::timeout);  // what is there does not wake it
+    sendFrame(wire::GET_DRIVER_INFO, 3);
+    ASSERT_EQ(reader.wait_for(10s), std::future_status::ready);
+    packets = reader.get();
+    ASSERT_EQ(packets.size(), 2u);
+    EXPECT_EQ(packets[0].data, (std::vector<std::uint8_t>{2}));
+    EXPECT_EQ(packets[1].cmd, wire::GET_DRIVER_INFO);
+
+    // While a reply is awaited every arrival wakes it; a disconnect ends a batching wait.
+    awaited = 1;
+    reader = std::async(std::launch::async, [&] { return c.receiveAndSplit(64, &awaited, 60.0); });
+    std::this_thread::sleep_for(20ms);
+    sendFrame(wire::START_AI_STREAMING, 4);
+    ASSERT_EQ(reader.wait_for(10s), std::future_status::ready);
+    EXPECT_EQ(reader.get().size(), 1u);
+    awaited = 0;
+    reader = std::async(std::launch::async, [&] { return c.receiveAndSplit(64, &awaited, 60.0); });
+    std::this_thread::sleep_for(20ms);
+    c.disconnect();
+    ASSERT_EQ(reader.wait_for(10s), std::future_status::ready);
+    EXPECT_TRUE(reader.get().empty());
+    ::close(peer);
+}
+
 TEST(TcpClient, RefusedConnectAndBadPortAndTimeLimit) {
     transport::TcpClient c;
     EXPECT_THROW(c.connect("127.0.3.3", 1), transport::ConnectFailed);

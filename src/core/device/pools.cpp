@@ -14,6 +14,7 @@ void EchoPool::put(std::uint32_t code, Bytes data) {
         auto [first, last] = waiters_.equal_range(code);
         for (auto w = first; w != last; ++w) woken.push_back(std::move(w->second));
         waiters_.erase(first, last);
+        awaited_ -= static_cast<int>(woken.size());
     }
     for (auto& w : woken) w->wake();
 }
@@ -70,6 +71,7 @@ bool EchoPool::takeOrWait(std::uint32_t code, Bytes& out, const std::shared_ptr<
         return true;
     }
     waiters_.emplace(code, waiter);
+    ++awaited_;
     return false;
 }
 
@@ -81,6 +83,7 @@ void EchoPool::cancelWait(std::uint32_t code, const Wakeable* waiter) {
         if (w->second.get() == waiter) {
             dropped = std::move(w->second);
             waiters_.erase(w);
+            --awaited_;
             break;
         }
     }
@@ -100,6 +103,38 @@ bool StreamQueue::put(StreamItem item, std::optional<std::chrono::nanoseconds> t
     }
     not_empty_.notify_one();
     return true;
+}
+
+void StreamQueue::putData(StreamItem item) {
+    bool wake;
+    {
+        std::lock_guard lock(m_);
+        items_.push_back(std::move(item));
+        wake = !napping_;
+    }
+    if (wake) not_empty_.notify_one();
+}
+
+std::optional<StreamItem> StreamQueue::getPaced(std::chrono::nanoseconds timeout, std::chrono::nanoseconds window) {
+    using Clock = std::chrono::steady_clock;
+    const auto deadline = Clock::now() + timeout;
+    std::optional<StreamItem> out;
+    {
+        std::unique_lock lock(m_);
+        auto any = [this] { return !items_.empty(); };
+        if (items_.empty() && pacing_) {
+            napping_ = true;
+            not_empty_.wait_until(lock, std::min(deadline, Clock::now() + window), any);
+            napping_ = false;
+            pacing_ = !items_.empty();
+        }
+        if (!not_empty_.wait_until(lock, deadline, any)) return std::nullopt;
+        out = std::move(items_.front());
+        items_.pop_front();
+        pacing_ = true;
+    }
+    if (maxsize_ > 0) not_full_.notify_one();
+    return out;
 }
 
 std::optional<StreamItem> StreamQueue::get(std::optional<std::chrono::nanoseconds> timeout) {

@@ -4,6 +4,8 @@
 // a wait or while calling out; waiting is done by registering a Wakeable that a filing wakes.
 #pragma once
 
+#include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
@@ -12,6 +14,7 @@
 #include <mutex>
 #include <optional>
 #include <set>
+#include <utility>
 #include <unordered_map>
 #include <vector>
 
@@ -45,6 +48,11 @@ public:
     bool takeOrWait(std::uint32_t code, Bytes& out, const std::shared_ptr<Wakeable>& waiter);
     void cancelWait(std::uint32_t code, const Wakeable* waiter);
 
+    // Replies that operations wait for (registered waiters) or are about to send for (an
+    // AwaitedReply alive). While it is zero a receive thread may let stream data gather before
+    // it wakes; a filing that wakes the waiters makes it zero again at once.
+    const std::atomic<int>& awaited() const { return awaited_; }
+
 private:
     struct Entry {
         Bytes data;
@@ -54,6 +62,9 @@ private:
     std::unordered_map<std::uint32_t, Entry> replies_;                              // guarded by m_
     std::uint64_t next_order_ = 0;                                                  // guarded by m_
     std::unordered_multimap<std::uint32_t, std::shared_ptr<Wakeable>> waiters_;     // guarded by m_
+    std::atomic<int> awaited_{0};
+
+    friend class AwaitedReply;
 };
 
 // An item of a stream queue: bytes filed by the engine, the wake-up token, or an object that a
@@ -74,8 +85,18 @@ public:
     // Puts an item; with a bound and a full queue, waits up to `timeout` (nullopt = for ever,
     // zero = not at all). False when it could not.
     bool put(StreamItem item, std::optional<std::chrono::nanoseconds> timeout = std::nullopt);
+    // Puts received data without waking a consumer that is pacing itself (see getPaced): it
+    // comes back on its own within its window. Waking a thread per packet costs the receive
+    // thread more than everything else it does for that packet.
+    void putData(StreamItem item);
     // Takes the oldest item, waiting as put does; nullopt when none came.
     std::optional<StreamItem> get(std::optional<std::chrono::nanoseconds> timeout = std::nullopt);
+    // Takes the oldest item for a consumer that drains a steady stream: once it has found an item,
+    // an empty queue makes it sleep for `window` while putData leaves it be, and it takes what
+    // gathered meanwhile in one go. A window that gathers nothing ends the pacing: the next item
+    // wakes it at once. Items put by put() always wake it. Nullopt when the queue stayed empty
+    // for `timeout`.
+    std::optional<StreamItem> getPaced(std::chrono::nanoseconds timeout, std::chrono::nanoseconds window);
     // Takes up to n items at once, without waiting.
     std::vector<StreamItem> takeUpTo(std::size_t n);
     std::size_t size() const;
@@ -87,6 +108,8 @@ private:
     mutable std::mutex m_;
     std::condition_variable not_empty_, not_full_;
     std::deque<StreamItem> items_;  // guarded by m_
+    bool pacing_ = false;           // the consumer found an item last time; guarded by m_
+    bool napping_ = false;          // the consumer sleeps out its window; guarded by m_
 };
 
 // A stream queue key: a bare command code, or a (code, port) pair.
@@ -112,6 +135,22 @@ public:
 private:
     mutable std::mutex m_;
     std::map<StreamKey, std::shared_ptr<StreamQueue>> queues_;  // guarded by m_
+};
+
+// Announces a reply about to be awaited, from before its command goes out until its waiter is
+// registered (or the reply taken), so that no receive thread starts batching in between.
+class AwaitedReply {
+public:
+    explicit AwaitedReply(std::shared_ptr<EchoPool> pool) : pool_(std::move(pool)) { ++pool_->awaited_; }
+    AwaitedReply(AwaitedReply&& o) noexcept : pool_(std::move(o.pool_)) {}
+    AwaitedReply& operator=(AwaitedReply&&) = delete;
+    ~AwaitedReply() { release(); }
+    void release() {
+        if (pool_) --std::exchange(pool_, nullptr)->awaited_;
+    }
+
+private:
+    std::shared_ptr<EchoPool> pool_;
 };
 
 // A set of distinct answers.

@@ -34,7 +34,7 @@ void putToDataPool(DataPools& pools, std::uint32_t cmd, Bytes data) {
                 default:
                     item.bytes = std::move(data);
             }
-            pools.strm->at(key)->put(std::move(item));
+            pools.strm->at(key)->putData(std::move(item));
             return;
         }
         case CommandType::Echo:

@@ -7,7 +7,7 @@ WorkerResult runStreamWorker(const std::atomic<bool>& killed, device::Gate& gate
     for (;;) {
         if (killed.load()) return {WorkerEnd::Killed};
         gate.pass();
-        auto item = data.get(wait);
+        auto item = data.getPaced(wait, kPaceWindow);
         if (!item) return {WorkerEnd::TimedOut};
         if (item->kind == device::StreamItem::Kind::Token) continue;
         device::Bytes payload = item->kind == device::StreamItem::Kind::Bytes ? std::move(item->bytes) : hooks.foreign_bytes(*item);

@@ -13,6 +13,10 @@
 
 namespace torvik::stream {
 
+// While a stream flows, the worker wakes once a window and takes what gathered, instead of once
+// a packet; the first packet after a pause still wakes it at once.
+inline constexpr std::chrono::milliseconds kPaceWindow{10};
+
 struct WorkerHooks {
     // Bytes of an item a script put into the data queue (may throw: the worker then ends).
     std::function<device::Bytes(const device::StreamItem&)> foreign_bytes;

@@ -6,6 +6,7 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/eventfd.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -79,8 +80,24 @@ void SocketHandle::cancel() {
     [[maybe_unused]] ssize_t n = ::write(cancel_fd_, &one, sizeof one);
 }
 
-bool SocketHandle::waitReadable(std::optional<double> timeout, bool park_when_ended) {
-    const bool park = park_when_ended && ended;
+void SocketHandle::setWakeThreshold(int bytes) {
+    if (bytes == threshold_) return;
+    // A failure leaves the threshold as it was: a raised one still ends each wait by its window.
+    if (::setsockopt(fd_, SOL_SOCKET, SO_RCVLOWAT, &bytes, sizeof bytes) == 0) threshold_ = bytes;
+}
+
+void SocketHandle::stopBatching() {
+    if (!batching_.load()) return;
+    std::lock_guard lock(threshold_m_);
+    if (!batching_.exchange(false)) return;
+    // One byte more than is there: a reader that waits is woken by the next arrival, not at
+    // once for the stream data that gathered.
+    int queued = 0;
+    if (::ioctl(fd_, FIONREAD, &queued) != 0) queued = 0;
+    setWakeThreshold(queued + 1);
+}
+
+SocketHandle::Wait SocketHandle::waitFor(std::optional<double> timeout, bool park) {
     pollfd fds[2] = {{cancel_fd_, POLLIN, 0}, {fd_, POLLIN, 0}};
     for (;;) {
         int rc = ::poll(fds, park ? 1 : 2, park ? -1 : toPollTimeout(timeout));
@@ -88,10 +105,21 @@ bool SocketHandle::waitReadable(std::optional<double> timeout, bool park_when_en
             if (errno == EINTR) continue;
             throwErrno("poll");
         }
-        if (fds[0].revents) return false;  // cancelled: the value stays set, so every wait ends
-        if (rc == 0) throw ReceiveTimeout();
-        return true;
+        if (fds[0].revents) return Wait::Cancelled;  // the value stays set, so every wait ends
+        return rc == 0 ? Wait::TimedOut : Wait::Readable;
     }
+}
+
+bool SocketHandle::waitReadable(std::optional<double> timeout, bool park_when_ended) {
+    switch (waitFor(timeout, park_when_ended && ended)) {
+        case Wait::Cancelled:
+            return false;
+        case Wait::TimedOut:
+            throw ReceiveTimeout();
+        case Wait::Readable:
+            break;
+    }
+    return true;
 }
 
 std::shared_ptr<SocketHandle> NetworkClient::socket() const {
@@ -127,6 +155,7 @@ std::vector<std::uint8_t> NetworkClient::recvPacket(std::size_t length, bool par
         sock = sock_;
         timeout = timeout_;
     }
+    sock->prepareWait([] { return false; });  // a blocking read waits for a byte, not for a batch
     const bool nonblocking = timeout && *timeout <= 0;
     if (!nonblocking && !sock->waitReadable(timeout, park_when_ended)) return {};
     std::vector<std::uint8_t> buf(length);
@@ -152,31 +181,60 @@ std::vector<wire::Packet> NetworkClient::recvAndSplitPacket(std::size_t length, 
     });
 }
 
-std::vector<wire::Packet> NetworkClient::receiveAndSplit(std::size_t length) {
-    std::vector<std::uint8_t> chunk = recvPacket(length, true);
-    if (chunk.empty()) return {};
-    // What is left of a burst is taken without waiting, up to a bound that keeps the split
-    // moving. Errors and the end of the stream are left to the next recvPacket to report.
-    constexpr std::size_t kBurstBound = 256 * 1024;
-    if (length > 0 && chunk.size() == length) {
-        if (auto sock = socket(); sock && sock->isStream()) {
-            while (chunk.size() % length == 0 && chunk.size() < kBurstBound) {
-                const std::size_t have = chunk.size();
-                chunk.resize(have + length);
-                const ssize_t n = ::recv(sock->fd(), chunk.data() + have, length, MSG_DONTWAIT);
-                chunk.resize(have + static_cast<std::size_t>(std::max<ssize_t>(n, 0)));
-                if (n <= 0) break;
-            }
-        }
+std::vector<wire::Packet> NetworkClient::receiveAndSplit(std::size_t length, const std::atomic<int>* awaited,
+                                                        double window) {
+    std::shared_ptr<SocketHandle> sock;
+    std::optional<double> timeout;
+    {
+        std::lock_guard lock(mutex_);
+        sock = sock_;
+        timeout = timeout_;
     }
+    // Datagrams, non-blocking reads and ended streams read as a script's recv does.
+    if (!sock || !sock->isStream() || sock->ended || length == 0 || (timeout && *timeout <= 0))
+        return recvAndSplitPacket(length, true);
+
+    // Batch only while data flows: an idle connection waits for its next byte without a window.
+    sock->prepareWait([&] { return flowing_ && awaited && awaited->load() == 0; });
+    if (sock->batching()) {
+        if (sock->waitFor(timeout ? std::min(*timeout, window) : window) == SocketHandle::Wait::Cancelled) return {};
+    } else if (!sock->waitReadable(timeout, true)) {
+        return {};
+    }
+    // The whole burst that is there, in reads of a buffer kept for the purpose, up to a bound
+    // that keeps the split moving. Never blocking: below the wake threshold a blocking recv
+    // would wait for more. Same frames, same order as reads of `length` bytes.
+    constexpr std::size_t kBurstBound = 256 * 1024;
+    const std::size_t step = std::max<std::size_t>(length, 64 * 1024);
+    std::size_t have = 0;
+    for (;;) {
+        if (burst_.size() < have + step) burst_.resize(have + step);
+        const ssize_t n = ::recv(sock->fd(), burst_.data() + have, step, MSG_DONTWAIT);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) break;
+        if (n < 0) {
+            if (have > 0) break;  // reported by the next read
+            sock->ended = true;
+            throwErrno("recv");
+        }
+        if (n == 0) {
+            if (have == 0) sock->ended = true;
+            break;
+        }
+        have += static_cast<std::size_t>(n);
+        if (static_cast<std::size_t>(n) < step || have >= kBurstBound) break;
+    }
+    flowing_ = have > 0;
+    if (have == 0) return {};
     return withStream([&](wire::FrameSplitter& s) {
-        s.append(chunk);
+        s.append({burst_.data(), have});
         return s.split();
     });
 }
 
 void NetworkClient::sendPacket(std::span<const std::uint8_t> bytes) {
     auto sock = requireSocket("send");
+    sock->stopBatching();  // its reply must wake the reader at once
     for (;;) {
         ssize_t n = ::send(sock->fd(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
         if (n < 0 && errno == EINTR) continue;

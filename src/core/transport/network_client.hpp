@@ -39,9 +39,36 @@ public:
     // After the peer ended the stream or reading failed, the socket reports readable for ever:
     // with park_when_ended such a wait waits for the cancel alone instead of returning at once.
     bool waitReadable(std::optional<double> timeout, bool park_when_ended);
+    // The same wait without exceptions; `park` waits for the cancel alone.
+    enum class Wait { Readable, Cancelled, TimedOut };
+    Wait waitFor(std::optional<double> timeout, bool park = false);
     std::atomic<bool> ended{false};
 
+    // Batching of a stream socket's reads: while no reply is awaited, the reader is woken only
+    // when a batch of bytes has gathered or its wait's window ends, not for every segment a
+    // streaming unit sends. A sender ends the batching before it sends: from then on the next
+    // byte to arrive (its reply, or stream data before it) wakes the reader, and what gathered
+    // meanwhile comes along.
+    bool batching() const { return batching_.load(); }
+    // The reader, before each wait: batch when `quiet`, else wake for every byte. `quiet` is
+    // read under the same lock that a sender's stopBatching takes, so a sender that announced
+    // its reply before is seen here, and one that comes after finds the batching and ends it.
+    template <class Quiet>
+    void prepareWait(Quiet&& quiet) {
+        std::lock_guard lock(threshold_m_);
+        const bool batch = quiet();
+        batching_.store(batch);
+        setWakeThreshold(batch ? kBatchBytes : 1);
+    }
+    void stopBatching();
+    static constexpr int kBatchBytes = 32 * 1024;
+
 private:
+    void setWakeThreshold(int bytes);
+
+    std::mutex threshold_m_;
+    int threshold_ = 1;  // guarded by threshold_m_
+    std::atomic<bool> batching_{false};
     bool stream_;
     int fd_ = -1;
     int cancel_fd_ = -1;
@@ -59,10 +86,14 @@ public:
     std::vector<std::uint8_t> recvPacket(std::size_t length, bool park_when_ended = false);
     // recvPacket, then the frames it completed.
     std::vector<wire::Packet> recvAndSplitPacket(std::size_t length, bool park_when_ended = false);
-    // A receive thread's read: recvAndSplitPacket(length, true), and while each recv fills its
-    // `length` bytes, the rest of the burst that is already there, so that a burst costs one
-    // wake-up and one split instead of one per `length` bytes. Same frames, same order.
-    std::vector<wire::Packet> receiveAndSplit(std::size_t length);
+    // A receive thread's read: recvAndSplitPacket(length, true), except that a stream socket
+    // takes the whole burst that is there at once (one wake-up and one split a burst; same
+    // frames, same order). With `awaited` (the count of replies operations wait for), a stream
+    // socket batches its reads while that count is zero and data flows: the wait then ends after
+    // `window` at the latest, and returns nothing when nothing came; a window without data ends
+    // the batching until bytes come again.
+    std::vector<wire::Packet> receiveAndSplit(std::size_t length, const std::atomic<int>* awaited = nullptr,
+                                              double window = 0.01);
     // One send of the bytes; a partial send is not completed.
     void sendPacket(std::span<const std::uint8_t> bytes) override;
     // Wakes a blocked reader for good, shuts the socket down both ways and lets it go. Throws
@@ -76,6 +107,11 @@ protected:
     mutable std::mutex mutex_;  // guards sock_ and timeout_
     std::shared_ptr<SocketHandle> sock_;
     std::optional<double> timeout_;
+
+private:
+    // receiveAndSplit's state; only the receive thread reads.
+    std::vector<std::uint8_t> burst_;
+    bool flowing_ = false;  // the last read took bytes
 };
 
 class TcpClient : public NetworkClient {

@@ -230,7 +230,8 @@ Co<> sleep(double seconds) {
     co_return py::none();
 }
 
-Co<> awaitReply(std::shared_ptr<device::EchoPool> pool, std::uint32_t code, std::optional<double> timeout) {
+Co<> awaitReply(std::shared_ptr<device::EchoPool> pool, std::uint32_t code, std::optional<double> timeout,
+                std::optional<device::AwaitedReply> announced) {
     py::object loop;
     double deadline = 0;
     for (;;) {
@@ -245,7 +246,9 @@ Co<> awaitReply(std::shared_ptr<device::EchoPool> pool, std::uint32_t code, std:
         py::object fut = loop.attr("create_future")();
         auto waiter = std::make_shared<FutureWaiter>(LoopWaker::of(loop), fut);
         device::Bytes data;
-        if (pool->takeOrWait(code, data, waiter)) {
+        const bool taken = pool->takeOrWait(code, data, waiter);
+        announced.reset();  // the waiter (if any) stands for the reply now
+        if (taken) {
             waiter->detach();
             co_return py::bytes(reinterpret_cast<const char*>(data.data()), data.size());
         }

@@ -95,8 +95,8 @@ void runNetworkReceiver(py::handle self, const char* gate_attr, std::shared_ptr<
         try {
             device::runReceiveLoop(
                 *core, *gate, *client_slot,
-                [read_size](transport::Client& c) {
-                    return dynamic_cast<transport::NetworkClient&>(c).receiveAndSplit(read_size);
+                [read_size, echo = core->pools.echo](transport::Client& c) {
+                    return dynamic_cast<transport::NetworkClient&>(c).receiveAndSplit(read_size, &echo->awaited());
                 },
                 [](std::exception_ptr, unsigned failures) { return device::backoff(failures); });
         } catch (const device::RoutingError&) {

@@ -106,10 +106,11 @@ Co<> getReplyFromPool(py::object self, py::object cmd) {
 
 // One send and one wait; a time limit that runs out gives None.
 Co<> echoPacket(py::object self, py::object cmd, py::object data_out, py::object timeout) {
-    sendCommand(self, cmd, data_out);
     auto pool = echoPoolOf(self.attr("data_pool_echo"));
+    device::AwaitedReply announced(pool);
+    sendCommand(self, cmd, data_out);
     try {
-        co_return co_await aio::awaitReply(pool, replyCode(cmd), limitOf(timeout));
+        co_return co_await aio::awaitReply(pool, replyCode(cmd), limitOf(timeout), std::move(announced));
     } catch (const aio::TimedOut&) {
     }
     co_return py::none();
