@@ -136,14 +136,24 @@ class Member:
         return out
 
 
-async def run_fleet(members, seconds):
+def process_cpu_seconds(pid):
+    with open("/proc/%d/stat" % pid) as f:
+        fields = f.read().rsplit(")", 1)[1].split()
+    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+
+
+async def run_fleet(members, seconds, load):
     until = time.perf_counter() + IDLE_SECONDS
     await asyncio.gather(*(m.ping(until, m.idle_rtts) for m in members))
     for m in members:
         await m.start()
+    # The emulator is this process's parent: what both take of the machine while the fleet runs.
+    processes = (("emulator", os.getppid()), ("script", os.getpid()))
+    cpu0 = {who: process_cpu_seconds(pid) for who, pid in processes}
     until = time.perf_counter() + seconds
     await asyncio.gather(*(m.read(until) for m in members if m.ai_port is not None or m.uart),
                          *(m.ping(until, m.rtts) for m in members))
+    load.update({who: (process_cpu_seconds(pid) - cpu0[who]) / seconds for who, pid in processes})
     for m in members:
         await m.halt()
     # Let what is on its way arrive (the emulated USB bus may lag): until nothing came for 0.5 s.
@@ -196,11 +206,12 @@ def child(part, seconds, usb_ai_rate):
                 members[-1].ai_rate = min(members[-1].ai_rate, usb_ai_rate)
             if usb and unit.cls not in USB_UART_UNITS:
                 members[-1].uart = None
-        reports = asyncio.run(run_fleet(members, seconds))
+        load = {}
+        reports = asyncio.run(run_fleet(members, seconds, load))
     finally:
         for m in members:
             close(m.dev)
-    print("REPORT " + json.dumps(reports))
+    print("REPORT " + json.dumps({"members": reports, "load": load}))
 
 
 def ceiling_child():
@@ -249,7 +260,8 @@ def run_child(part, seconds, units, usb=(), usb_ai_rate=0):
     raise RuntimeError("fleet (%s) failed:\n%s" % (part, r.stderr.decode()[-3000:]))
 
 
-def show(title, reports):
+def show(title, result):
+    reports, load = result["members"], result["load"]
     print(title)
     print("  %-16s %26s %26s %9s %9s %9s %6s" % ("handle", "AI frames sent/received", "UART bytes sent/received",
                                                "p50 ms", "p99 ms", "idle p99", "CPU %"))
@@ -272,6 +284,8 @@ def show(title, reports):
     print("  library CPU by thread: " + ", ".join("%s %.1f %%" % (k, 100 * v) for k, v in sorted(by_thread.items())))
     print("  lost: %d; worst p99 under load / idle p99: %.1f x; library CPU: %.1f %% of one core; AI frames "
           "expected at the units' rates: %d" % (lost, worst, 100 * cpu, expected))
+    print("  under load, of %d cores: the emulator took %.0f %% of one core, this script's process %.0f %% (the "
+          "library's threads included)" % (os.cpu_count(), 100 * load["emulator"], 100 * load["script"]))
 
 
 def main(seconds):
