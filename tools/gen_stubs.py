@@ -6,6 +6,8 @@ The module is compiled, so its signatures come from the docstrings that the bind
 ("name(self: object, port: object = 0) -> object"). Operations ending in "_async" return
 coroutines. A test regenerates the stubs and compares, and runs stubtest on them.
 """
+import contextlib
+import io
 import re
 import sys
 
@@ -24,6 +26,23 @@ SKIPPED_DUNDERS = {"__new__", "__init_subclass__", "__subclasshook__", "__class_
 # combined with another such base).
 DISJOINT = {"_CANFrameWire"}
 SIMPLE = {"int": "int", "float": "float", "str": "str", "bool": "bool", "None": "None", "bytes": "bytes"}
+# The compiled signatures take plain objects (the operations check their arguments themselves and
+# raise the library's errors); editors get the types that the operations document, by argument name.
+# A default of None adds "| None". Names not listed stay Any.
+ARGUMENT_TYPES = {
+    **dict.fromkeys(
+        "port AI_port AO_port UART_port SPI_port I2C_port CAN_port thermal_port port1 port2 cmd mode length index "
+        "sampling_rate sample_points num_samples num_frames bytes_to_read page_number baud_rate num_retries year "
+        "month day hour minute second write_address read_address device_number byte_index last_index list_length "
+        "padding_num error_code maxsize form cs ao_channel".split(), "int"),
+    **dict.fromkeys("channel pin".split(), "int | list[int]"),
+    **dict.fromkeys("delay amplitude offset period AO_value temperature ao_volt_min ao_volt_max".split(), "float"),
+    "timeout": "float | None",
+    **dict.fromkeys("ip_addr ip subnet_mask gateway mac_addr serial_num filename msg".split(), "str"),
+    **dict.fromkeys("verbose blocking block clear_old".split(), "bool"),
+    **dict.fromkeys("int_list data_out write_data pin_list index_list binary_list id_in_list frame_in_list".split(),
+                    "list[int]"),
+}
 
 
 def split_params(text):
@@ -84,12 +103,54 @@ def function_stub(name, func, indent, method):
             elif pname == "self" and method:
                 params.append("self")
             else:
-                params.append(pname + ": Any" + (" = ..." if "=" in rest else ""))
+                default = rest.partition("=")[2].strip()
+                typ = ARGUMENT_TYPES.get(pname, "Any")
+                if default == "None" and typ != "Any" and "None" not in typ:
+                    typ += " | None"
+                params.append("%s: %s%s" % (pname, typ, " = ..." if "=" in rest else ""))
         if method and (not params or params[0] != "self"):
             params.insert(0, "self")
         if not name.endswith("_async"):
             ret = SIMPLE.get(m.group(3).strip(), "Any")
     return "%sdef %s(%s) -> %s: ...\n" % (indent, name, ", ".join(params), ret)
+
+
+_fields = {}
+
+
+def instance_fields(cls):
+    """Public fields that constructing `cls` sets on the instance, with the types of their first
+    values (None, an unset field, gives Any). Only classes that can be made without arguments and
+    closed again are looked at; their handles' threads end with the close."""
+    if cls not in _fields:
+        _fields[cls] = {}
+        close = getattr(cls, "close", None)
+        if close is not None:
+            with contextlib.redirect_stdout(io.StringIO()):  # the handles greet and say goodbye
+                try:
+                    try:
+                        obj = cls(verbose=False)
+                    except TypeError:
+                        obj = cls()
+                except Exception:  # noqa: BLE001 - a class that needs arguments has no fields listed
+                    obj = None
+                if obj is not None:
+                    try:
+                        _fields[cls] = {k: field_type(v) for k, v in sorted(vars(obj).items()) if not k.startswith("_")}
+                    finally:
+                        try:
+                            obj.close(verbose=False)
+                        except TypeError:
+                            obj.close()
+    return _fields[cls]
+
+
+def field_type(v):
+    if v is None:
+        return "Any"
+    if type(v).__module__ == "pytorvik" and getattr(pytorvik, type(v).__name__, None) is type(v):
+        return type(v).__name__
+    return value_type(v)
 
 
 def is_function(v):
@@ -115,6 +176,11 @@ def class_stub(cls):
     inherited = {n for b in cls.__mro__[1:] if b not in hidden for n in vars(b)}
     if type(cls) is not type and not is_function(members.get("__init__")):  # compiled, without a constructor
         lines.append("    def __init__(self, *args: Any, **kwargs: Any) -> None: ...\n")
+    declared = {n for b in cls.__mro__ for n in vars(b)}
+    on_bases = {n for b in cls.__mro__[1:] for n in instance_fields(b)}
+    for name, typ in instance_fields(cls).items():
+        if name not in declared and name not in on_bases:
+            lines.append("    %s: %s\n" % (name, typ))
     for name, v in members.items():
         if name.startswith("__") and (name in SKIPPED_DUNDERS or not is_function(v)):
             continue
