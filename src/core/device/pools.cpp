@@ -90,6 +90,13 @@ void EchoPool::cancelWait(std::uint32_t code, const Wakeable* waiter) {
 }
 
 bool StreamQueue::put(StreamItem item, std::optional<std::chrono::nanoseconds> timeout) {
+    return push(std::move(item), timeout, true);
+}
+
+void StreamQueue::putData(StreamItem item) { push(std::move(item), std::nullopt, false); }
+
+bool StreamQueue::push(StreamItem item, std::optional<std::chrono::nanoseconds> timeout, bool wake_napping) {
+    bool wake;
     {
         std::unique_lock lock(m_);
         if (maxsize_ > 0 && items_.size() >= maxsize_) {
@@ -100,19 +107,10 @@ bool StreamQueue::put(StreamItem item, std::optional<std::chrono::nanoseconds> t
                 return false;
         }
         items_.push_back(std::move(item));
-    }
-    not_empty_.notify_one();
-    return true;
-}
-
-void StreamQueue::putData(StreamItem item) {
-    bool wake;
-    {
-        std::lock_guard lock(m_);
-        items_.push_back(std::move(item));
-        wake = !napping_;
+        wake = wake_napping || !napping_;
     }
     if (wake) not_empty_.notify_one();
+    return true;
 }
 
 std::optional<StreamItem> StreamQueue::getPaced(std::chrono::nanoseconds timeout, std::chrono::nanoseconds window) {

@@ -85,9 +85,9 @@ public:
     // Puts an item; with a bound and a full queue, waits up to `timeout` (nullopt = for ever,
     // zero = not at all). False when it could not.
     bool put(StreamItem item, std::optional<std::chrono::nanoseconds> timeout = std::nullopt);
-    // Puts received data without waking a consumer that is pacing itself (see getPaced): it
-    // comes back on its own within its window. Waking a thread per packet costs the receive
-    // thread more than everything else it does for that packet.
+    // Puts received data as put() without a time limit, but without waking a consumer that is
+    // pacing itself (see getPaced): it comes back on its own within its window. Waking a thread
+    // per packet costs the receive thread more than everything else it does for that packet.
     void putData(StreamItem item);
     // Takes the oldest item, waiting as put does; nullopt when none came.
     std::optional<StreamItem> get(std::optional<std::chrono::nanoseconds> timeout = std::nullopt);
@@ -104,6 +104,8 @@ public:
     bool full() const;
 
 private:
+    bool push(StreamItem item, std::optional<std::chrono::nanoseconds> timeout, bool wake_napping);
+
     const std::size_t maxsize_;
     mutable std::mutex m_;
     std::condition_variable not_empty_, not_full_;

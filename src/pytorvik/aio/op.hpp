@@ -46,9 +46,8 @@ Co<> awaitObject(py::object awaitable);
 
 // Waits until the echo pool holds a reply of `code` and takes it (bytes). With a time limit,
 // throws TimedOut when it runs out; a limit of 0 or less fails at once unless the reply is
-// already there. Woken by the filing itself: no polling.
-// Waits for the reply of `code` in the pool. `announced` (if any) is let go once the wait is
-// registered or the reply taken.
+// already there. Woken by the filing itself: no polling. `announced` (if any) is let go once the
+// wait is registered or the reply taken.
 Co<> awaitReply(std::shared_ptr<device::EchoPool> pool, std::uint32_t code, std::optional<double> timeout,
                 std::optional<device::AwaitedReply> announced = std::nullopt);
 
