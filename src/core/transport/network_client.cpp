@@ -10,6 +10,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cmath>
@@ -194,7 +195,8 @@ std::vector<wire::Packet> NetworkClient::receiveAndSplit(std::size_t length, con
     if (!sock || !sock->isStream() || sock->ended || length == 0 || (timeout && *timeout <= 0))
         return recvAndSplitPacket(length, true);
 
-    // Batch only while data flows: an idle connection waits for its next byte without a window.
+    // Batch only while stream data flow: an idle connection, or one that carries replies alone,
+    // waits for its next byte without a window.
     sock->prepareWait([&] { return flowing_ && awaited && awaited->load() == 0; });
     if (sock->batching()) {
         if (sock->waitFor(timeout ? std::min(*timeout, window) : window) == SocketHandle::Wait::Cancelled) return {};
@@ -224,12 +226,16 @@ std::vector<wire::Packet> NetworkClient::receiveAndSplit(std::size_t length, con
         have += static_cast<std::size_t>(n);
         if (static_cast<std::size_t>(n) < step || have >= kBurstBound) break;
     }
-    flowing_ = have > 0;
-    if (have == 0) return {};
-    return withStream([&](wire::FrameSplitter& s) {
+    if (have == 0) {
+        flowing_ = false;
+        return {};
+    }
+    auto packets = withStream([&](wire::FrameSplitter& s) {
         s.append({burst_.data(), have});
         return s.split();
     });
+    flowing_ = std::any_of(packets.begin(), packets.end(), [](const wire::Packet& p) { return wire::isStreamingCommand(p.cmd); });
+    return packets;
 }
 
 void NetworkClient::sendPacket(std::span<const std::uint8_t> bytes) {

@@ -89,7 +89,7 @@ public:
     // A receive thread's read: recvAndSplitPacket(length, true), except that a stream socket
     // takes the whole burst that is there at once (one wake-up and one split a burst; same
     // frames, same order). With `awaited` (the count of replies operations wait for), a stream
-    // socket batches its reads while that count is zero and data flows: the wait then ends after
+    // socket batches its reads while that count is zero and stream data flow: the wait then ends after
     // `window` at the latest, and returns nothing when nothing came; a window without data ends
     // the batching until bytes come again.
     std::vector<wire::Packet> receiveAndSplit(std::size_t length, const std::atomic<int>* awaited = nullptr,
@@ -111,7 +111,7 @@ protected:
 private:
     // receiveAndSplit's state; only the receive thread reads.
     std::vector<std::uint8_t> burst_;
-    bool flowing_ = false;  // the last read took bytes
+    bool flowing_ = false;  // the last read took stream data
 };
 
 class TcpClient : public NetworkClient {
