@@ -283,19 +283,24 @@ Co<> awaitObject(py::object awaitable) {
     }
 }
 
-py::object AsyncOp::advance() {
+std::pair<bool, py::object> AsyncOp::outcome() {
     if (body_.done()) {
         Co<> finished = std::move(body_);
-        py::object result = finished.result();
-        stopIteration(result);
+        return {true, finished.result()};
     }
     py::object y = std::exchange(state_.yielded, py::object());
     if (!y) throw std::logic_error("operation suspended without a future");
     if (!y.is_none()) y.attr("_asyncio_future_blocking") = true;
-    return y;
+    return {false, std::move(y)};
 }
 
-py::object AsyncOp::send(py::handle value) {
+py::object AsyncOp::advance() {
+    auto [done, value] = outcome();
+    if (done) stopIteration(value);
+    return value;
+}
+
+std::pair<bool, py::object> AsyncOp::step(py::handle value) {
     if (!body_) throw std::runtime_error("cannot reuse already awaited coroutine");
     if (!started_) {
         if (!value.is_none()) throw py::type_error("can't send non-None value to a just-started coroutine");
@@ -305,7 +310,13 @@ py::object AsyncOp::send(py::handle value) {
     } else {
         state_.leaf.resume();
     }
-    return advance();
+    return outcome();
+}
+
+py::object AsyncOp::send(py::handle value) {
+    auto [done, result] = step(value);
+    if (done) stopIteration(result);
+    return result;
 }
 
 py::object AsyncOp::throwIn(py::handle typ, py::handle val, py::handle tb) {
@@ -327,6 +338,26 @@ void AsyncOp::close() {
 
 py::object makeOp(Co<> body, const char* name) { return py::cast(AsyncOp(std::move(body), name)); }
 
+namespace {
+
+// The send slot that asyncio's tasks and `await` use (PyIter_Send): an operation that finishes
+// hands back its result directly instead of raising StopIteration through a method call.
+PySendResult sendSlot(PyObject* self, PyObject* value, PyObject** result) {
+    try {
+        auto [done, out] = py::cast<AsyncOp&>(py::handle(self)).step(py::handle(value));
+        *result = out.release().ptr();
+        return done ? PYGEN_RETURN : PYGEN_NEXT;
+    } catch (py::error_already_set& e) {
+        e.restore();
+    } catch (...) {
+        py::detail::try_translate_exceptions();
+    }
+    *result = nullptr;
+    return PYGEN_ERROR;
+}
+
+}  // namespace
+
 void bindAio(py::module_& m) {
     g = new Cached();
     py::module_ asyncio = py::module_::import("asyncio");
@@ -345,6 +376,8 @@ void bindAio(py::module_& m) {
         .def("throw", &AsyncOp::throwIn, py::arg("typ"), py::arg("val") = py::none(), py::arg("tb") = py::none())
         .def("close", &AsyncOp::close)
         .def("__repr__", [](const AsyncOp& op) { return "<operation " + std::string(op.name()) + ">"; });
+    auto* type = reinterpret_cast<PyTypeObject*>(m.attr("Operation").ptr());
+    if (type->tp_as_async != nullptr) type->tp_as_async->am_send = &sendSlot;
     py::module_::import("collections.abc").attr("Coroutine").attr("register")(m.attr("Operation"));
 }
 

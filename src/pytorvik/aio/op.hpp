@@ -29,8 +29,13 @@ public:
         return std::move(body_);
     }
 
+    // One step of the body as asyncio's send does it, without StopIteration: (true, its result)
+    // when it finished, else (false, the future it now waits on).
+    std::pair<bool, py::object> step(py::handle value);
+
 private:
     py::object advance();
+    std::pair<bool, py::object> outcome();
     Co<> body_;
     OpState state_;
     bool started_ = false;
