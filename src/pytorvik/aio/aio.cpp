@@ -338,6 +338,7 @@ void AsyncOp::close() {
 
 py::object makeOp(Co<> body, const char* name) { return py::cast(AsyncOp(std::move(body), name)); }
 
+#if PY_VERSION_HEX >= 0x030A0000  // the slot exists from Python 3.10 on
 namespace {
 
 // The send slot that asyncio's tasks and `await` use (PyIter_Send): an operation that finishes
@@ -357,6 +358,7 @@ PySendResult sendSlot(PyObject* self, PyObject* value, PyObject** result) {
 }
 
 }  // namespace
+#endif
 
 void bindAio(py::module_& m) {
     g = new Cached();
@@ -376,8 +378,10 @@ void bindAio(py::module_& m) {
         .def("throw", &AsyncOp::throwIn, py::arg("typ"), py::arg("val") = py::none(), py::arg("tb") = py::none())
         .def("close", &AsyncOp::close)
         .def("__repr__", [](const AsyncOp& op) { return "<operation " + std::string(op.name()) + ">"; });
+#if PY_VERSION_HEX >= 0x030A0000
     auto* type = reinterpret_cast<PyTypeObject*>(m.attr("Operation").ptr());
     if (type->tp_as_async != nullptr) type->tp_as_async->am_send = &sendSlot;
+#endif
     py::module_::import("collections.abc").attr("Coroutine").attr("register")(m.attr("Operation"));
 }
 
