@@ -9,9 +9,7 @@
 (b) 32 handles over the network: 24 TorvikLanAnalog streaming at 20 kHz and 8 compositions of the
     UART module with ETHDevice receiving 11520 bytes/s, with the same round trips.
 
-The network handles share the script's event loop; the USB handles share a second loop on a thread
-of their own, as a script that mixes them would do it: a USB send is synchronous (about a
-millisecond through the USB emulation) and would otherwise hold up the network handles' round trips.
+All handles share the script's one event loop.
 
 Per handle: what the units sent and what reached Python (frames or bytes), the round trip's p50 and
 p99 under load, and the CPU share of the library's threads (receive threads and stream workers) of
@@ -147,24 +145,18 @@ def process_cpu_seconds(pid):
     return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
 
 
-async def run_group(members, seconds, phase, load=None):
-    """One event loop's share of the fleet; `phase` (a barrier) keeps the loops in step."""
-    phase.wait()
+async def run_fleet(members, seconds, load):
     until = time.perf_counter() + IDLE_SECONDS
     await asyncio.gather(*(m.ping(until, m.idle_rtts) for m in members))
     for m in members:
         await m.start()
-    phase.wait()
-    if load is not None:
-        # The emulator is this process's parent: what both take of the machine under load.
-        processes = (("emulator", os.getppid()), ("script", os.getpid()))
-        cpu0 = {who: process_cpu_seconds(pid) for who, pid in processes}
+    # The emulator is this process's parent: what both take of the machine under load.
+    processes = (("emulator", os.getppid()), ("script", os.getpid()))
+    cpu0 = {who: process_cpu_seconds(pid) for who, pid in processes}
     until = time.perf_counter() + seconds
     await asyncio.gather(*(m.read(until) for m in members if m.ai_port is not None or m.uart),
                          *(m.ping(until, m.rtts) for m in members))
-    if load is not None:
-        load.update({who: (process_cpu_seconds(pid) - cpu0[who]) / seconds for who, pid in processes})
-    phase.wait()
+    load.update({who: (process_cpu_seconds(pid) - cpu0[who]) / seconds for who, pid in processes})
     for m in members:
         await m.halt()
     # Let what is on its way arrive (the emulated USB bus may lag): until nothing came for 0.5 s.
@@ -176,36 +168,6 @@ async def run_group(members, seconds, phase, load=None):
             quiet_since = time.perf_counter()
     for m in members:
         await m.drain()
-
-
-def run_fleet(members, seconds, load):
-    """The network handles share this thread's event loop, the USB handles a loop on a thread of
-    their own. A USB send is synchronous and, through the USB emulation, takes about a millisecond:
-    on one shared loop the USB handles' sends would hold up every network handle's round trips."""
-    groups = [g for g in ([m for m in members if not m.usb], [m for m in members if m.usb]) if g]
-    phase = threading.Barrier(len(groups))
-    failures = []
-
-    def run(group):
-        try:
-            asyncio.run(run_group(group, seconds, phase))
-        except BaseException as e:  # noqa: B036 - the main thread raises it
-            failures.append(e)
-            phase.abort()
-
-    threads = [threading.Thread(target=run, args=(g,)) for g in groups[1:]]
-    for th in threads:
-        th.start()
-    try:
-        asyncio.run(run_group(groups[0], seconds, phase, load))
-    except BaseException:
-        phase.abort()
-        raise
-    finally:
-        for th in threads:
-            th.join()
-    if failures:
-        raise failures[0]
     return [m.report() for m in members]
 
 
@@ -248,7 +210,7 @@ def child(part, seconds, usb_ai_rate):
             if usb and unit.cls not in USB_UART_UNITS:
                 members[-1].uart = None
         load = {}
-        reports = run_fleet(members, seconds, load)
+        reports = asyncio.run(run_fleet(members, seconds, load))
     finally:
         for m in members:
             close(m.dev)

@@ -83,6 +83,42 @@ TEST_F(UsbTest, ReleaseEndsAWaitingReadAndRefusesLaterCalls) {
     c.release();  // again: nothing
 }
 
+// Sends queued for the client's sender thread and direct ones made after them go out in the
+// order they were made; once released, a queued send fails as a direct one does.
+TEST_F(UsbTest, QueuedSendsKeepTheirOrderAndFailAfterRelease) {
+    transport::UsbClient c("CORE-A");
+    std::vector<std::future<void>> sent;
+    for (std::uint8_t port = 1; port <= 6; ++port) {
+        if (port % 3 == 0) {
+            c.sendPacket(request(port));
+            continue;
+        }
+        auto done = std::make_shared<std::promise<void>>();
+        sent.push_back(done->get_future());
+        c.sendPacketLater(request(port), [done](std::exception_ptr e) {
+            if (e)
+                done->set_exception(e);
+            else
+                done->set_value();
+        });
+    }
+    for (auto& f : sent) EXPECT_NO_THROW(f.get());
+    std::vector<std::uint8_t> ports;
+    while (ports.size() < 6) {
+        auto packets = awaitPackets(c);
+        if (packets.empty()) break;
+        for (const auto& p : packets) ports.push_back(p.data.at(0));
+    }
+    EXPECT_EQ(ports, (std::vector<std::uint8_t>{1, 2, 3, 4, 5, 6}));
+
+    c.release();
+    std::exception_ptr error;
+    c.sendPacketLater(request(7), [&error](std::exception_ptr e) { error = e; });
+    ASSERT_TRUE(error);
+    EXPECT_THROW(std::rethrow_exception(error), transport::UsbError);
+    EXPECT_THROW(c.sendPacket(request(8)), transport::UsbError);
+}
+
 // The receive thread's life over USB: replies filed while the gate is open, a disconnect that
 // cancels the waiting read, a reconnect, and the end through `killed`.
 TEST_F(UsbTest, ReceiveLoopFilesRepliesAndStopsOnDisconnectAndKill) {

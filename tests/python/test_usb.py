@@ -134,6 +134,39 @@ def test_frames_go_out_padded_to_64_or_whole(connected, via, payload, transfer):
     assert unit.transfers() == [bytes(frame) + bytes(transfer - len(frame))]
 
 
+def test_transfers_run_beside_the_loop_in_the_order_the_operations_started(connected):
+    unit, dev = connected
+    unit.clear_log()
+
+    async def scenario():
+        ticks = 0
+
+        async def ticker():
+            nonlocal ticks
+            while True:
+                ticks += 1
+                await asyncio.sleep(0)
+
+        spinning = asyncio.ensure_future(ticker())
+        await asyncio.sleep(0)
+        before = ticks
+        await dev._sendPacketWithoutReply(t.GET_MAC, [0])
+        during = ticks - before
+        # a send given up while under way still goes out, in its place
+        cancelled = asyncio.ensure_future(dev._sendPacketWithoutReply(t.GET_MAC, [1]))
+        await asyncio.sleep(0)
+        cancelled.cancel()
+        await asyncio.gather(*(dev._sendPacketWithoutReply(t.GET_MAC, [i]) for i in range(2, 8)))
+        reply = await dev._echoPacketWithRetry_async(t.GET_DRIVER_INFO, [8])
+        spinning.cancel()
+        return during, reply
+
+    during, reply = run(scenario())
+    assert during > 0  # the loop ran other tasks while the transfer went out
+    assert reply == b"\x08\x00"
+    assert [f.payload for f in unit.log()] == [bytes([i]) for i in range(9)]
+
+
 def test_unplug_prints_the_error_repeatedly_but_not_in_a_spin(connected, capsys):
     unit, dev = connected
     unit.silent()

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <future>
 
 #include "wire/commands.hpp"
 
@@ -14,13 +15,14 @@ UsbError::UsbError(int code) : std::runtime_error(libusb_strerror(code)), code(c
 
 UsbTimeout::UsbTimeout() : UsbError(LIBUSB_ERROR_TIMEOUT) {}
 
-// The one libusb context of the library, made on first use and kept until the process ends.
-// A context per listing would rescan the bus and start and stop libusb's hotplug monitor each
-// time: slow with many devices, and a monitor that comes and goes races the uevents of the
-// devices being plugged meanwhile.
+// libusb contexts. Listings share one, made on first use and kept until the process ends: a
+// context per listing would rescan the bus and start and stop libusb's hotplug monitor each time
+// (slow with many devices, and a monitor that comes and goes races the uevents of the devices
+// being plugged meanwhile). Each client has one of its own, so that its transfers complete on
+// its own event handling and never wait while another unit's completions are reaped.
 class UsbContext {
 public:
-    static std::shared_ptr<UsbContext> get() {
+    static std::shared_ptr<UsbContext> shared() {
         static auto* mutex = new std::mutex;  // leaked: clients may go during static destruction
         static auto* kept = new std::shared_ptr<UsbContext>;
         std::lock_guard lock(*mutex);
@@ -29,6 +31,13 @@ public:
         if (int rc = libusb_init(&raw); rc < 0) throw UsbError(rc);
         kept->reset(new UsbContext(raw));
         return *kept;
+    }
+    // The shared one stays, so the hotplug monitor runs while clients come and go.
+    static std::shared_ptr<UsbContext> own() {
+        shared();
+        libusb_context* raw = nullptr;
+        if (int rc = libusb_init(&raw); rc < 0) throw UsbError(rc);
+        return std::shared_ptr<UsbContext>(new UsbContext(raw));
     }
     ~UsbContext() { libusb_exit(ctx_); }
     UsbContext(const UsbContext&) = delete;
@@ -162,7 +171,7 @@ private:
 };
 
 UsbClient::UsbClient(const std::string& serial)
-    : ctx_(UsbContext::get()), ep_in_(w::USB_EP_IN), ep_out_(w::USB_EP_OUT) {
+    : ctx_(UsbContext::own()), ep_in_(w::USB_EP_IN), ep_out_(w::USB_EP_OUT) {
     HandlePtr handle(nullptr, &libusb_close);
     {
         DeviceList list(ctx_->raw());
@@ -222,6 +231,7 @@ UsbClient::UsbClient(const std::string& serial)
 }
 
 UsbClient::~UsbClient() {
+    stopSender();
     if (handle_) libusb_close(handle_);
 }
 
@@ -312,11 +322,74 @@ std::vector<wire::Packet> UsbClient::splitAfter(std::vector<std::uint8_t> chunk)
     });
 }
 
-void UsbClient::sendPacket(std::span<const std::uint8_t> bytes) {
+void UsbClient::sendNow(std::span<const std::uint8_t> bytes) {
     auto data = padToPacket(bytes, w::USB_PKT_SIZE);
     Use use(*this);
     const Outcome r = *transfer(ep_out_, out_interrupt_, data.data(), data.size(), kWriteTimeoutMs, false);
     if (r.status != LIBUSB_TRANSFER_COMPLETED) throwFor(r.status);
+}
+
+void UsbClient::sendPacket(std::span<const std::uint8_t> bytes) {
+    bool queued;
+    {
+        std::lock_guard lock(send_m_);
+        queued = sender_.joinable();
+    }
+    // Until something was queued there is no order to keep, and no need to hand over.
+    if (!queued) return sendNow(bytes);
+    std::promise<void> sent;
+    sendPacketLater(std::vector<std::uint8_t>(bytes.begin(), bytes.end()), [&sent](std::exception_ptr e) {
+        if (e)
+            sent.set_exception(e);
+        else
+            sent.set_value();
+    });
+    sent.get_future().get();
+}
+
+void UsbClient::sendPacketLater(std::vector<std::uint8_t> frame, SendDone done) {
+    {
+        std::lock_guard lock(send_m_);
+        if (!sender_stop_) {
+            sends_.push_back({std::move(frame), std::move(done)});
+            if (!sender_.joinable()) sender_ = std::thread([this] { runSender(); });
+            send_cv_.notify_one();
+            return;
+        }
+    }
+    done(std::make_exception_ptr(UsbError(LIBUSB_ERROR_NO_DEVICE)));
+}
+
+void UsbClient::runSender() {
+    for (;;) {
+        QueuedSend item;
+        {
+            std::unique_lock lock(send_m_);
+            send_cv_.wait(lock, [this] { return sender_stop_ || !sends_.empty(); });
+            if (sends_.empty()) return;
+            item = std::move(sends_.front());
+            sends_.pop_front();
+        }
+        std::exception_ptr error;
+        try {
+            sendNow(item.frame);
+        } catch (...) {
+            error = std::current_exception();
+        }
+        item.done(error);
+    }
+}
+
+// What is queued still goes (or fails, once released) before the thread ends.
+void UsbClient::stopSender() {
+    std::thread sender;
+    {
+        std::lock_guard lock(send_m_);
+        sender_stop_ = true;
+        send_cv_.notify_one();
+        sender.swap(sender_);
+    }
+    if (sender.joinable()) sender.join();
 }
 
 void UsbClient::release() {
@@ -332,6 +405,7 @@ void UsbClient::release() {
             return;
         std::swap(closing, handle_);
     }
+    stopSender();
     libusb_close(closing);
 }
 
@@ -342,7 +416,7 @@ std::vector<std::uint8_t> padToPacket(std::span<const std::uint8_t> frame, std::
 }
 
 std::vector<UsbUnitStrings> listUsbUnits() {
-    auto ctx = UsbContext::get();
+    auto ctx = UsbContext::shared();
     std::vector<UsbUnitStrings> out;
     DeviceList list(ctx->raw());
     for (libusb_device* dev : list) {

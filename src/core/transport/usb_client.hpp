@@ -9,15 +9,21 @@
 // send, read with a time limit or release at the same time. Every call may block (USB I/O, up to
 // its time limit); callers that hold an interpreter lock release it first. release() ends a
 // waiting awaitPacket, refuses later calls and closes the handle once no call uses it.
+// sendPacketLater queues a send on a thread of the client's own, for callers that must not block
+// on a transfer; once it is used, every send goes through that queue, so all keep their order.
 #pragma once
 
 #include <condition_variable>
 #include <cstdint>
+#include <deque>
+#include <exception>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <span>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "transport/client.hpp"
@@ -88,6 +94,12 @@ public:
     // as one transfer of its own length.
     void sendPacket(std::span<const std::uint8_t> bytes) override;
 
+    // Sends `frame` as sendPacket does, after every send queued or under way before it, on the
+    // client's sender thread (started on first use); `done` runs there once the transfer went out
+    // (null) or failed (what sendPacket would have thrown). After release() it fails at once.
+    using SendDone = std::function<void(std::exception_ptr)>;
+    void sendPacketLater(std::vector<std::uint8_t> frame, SendDone done);
+
     // Ends a waiting awaitPacket, makes later calls fail (awaitPacket returns nothing) and closes
     // the device handle once no call is inside. Idempotent.
     void release();
@@ -103,6 +115,9 @@ private:
     std::optional<Outcome> transfer(std::uint8_t endpoint, bool interrupt, std::uint8_t* data, std::size_t length,
                                     unsigned timeout_ms, bool cancellable);
     std::vector<wire::Packet> splitAfter(std::vector<std::uint8_t> chunk);
+    void sendNow(std::span<const std::uint8_t> bytes);
+    void runSender();
+    void stopSender();
 
     std::shared_ptr<UsbContext> ctx_;
     libusb_device_handle* handle_ = nullptr;  // null once closed; guarded by m_ for closing
@@ -117,6 +132,16 @@ private:
     bool released_ = false;                 // guarded by m_
     unsigned users_ = 0;                    // calls using handle_ now; guarded by m_
     libusb_transfer* waiting_ = nullptr;    // the cancellable transfer in flight; guarded by m_
+
+    struct QueuedSend {
+        std::vector<std::uint8_t> frame;
+        SendDone done;
+    };
+    std::mutex send_m_;
+    std::condition_variable send_cv_;
+    std::deque<QueuedSend> sends_;  // guarded by send_m_
+    bool sender_stop_ = false;      // guarded by send_m_
+    std::thread sender_;            // started under send_m_
 };
 
 // Frames of up to `packet_size` bytes padded with zeros to that size; longer ones as they are.

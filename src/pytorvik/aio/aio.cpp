@@ -1,6 +1,7 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <mutex>
 #include <unordered_map>
 #include <vector>
@@ -21,6 +22,7 @@ namespace {
 // them while the interpreter shuts down.
 struct Cached {
     py::object get_running_loop;
+    py::object running_loop_or_none;  // asyncio._get_running_loop
     py::object timeout_error;        // asyncio.TimeoutError
     py::object timed_out;            // sentinel result of a future whose time limit ran out
     py::object resolve;              // f(fut, value): set_result unless done
@@ -261,6 +263,31 @@ Co<> awaitReply(std::shared_ptr<device::EchoPool> pool, std::uint32_t code, std:
     }
 }
 
+py::object currentLoop() { return g->running_loop_or_none(); }
+
+Co<> awaitCompletion(const py::object& loop, const std::function<void(Finished)>& start) {
+    struct State {
+        std::atomic<bool> done{false};
+        std::exception_ptr error;
+    };
+    py::object fut = loop.attr("create_future")();
+    auto waiter = std::make_shared<FutureWaiter>(LoopWaker::of(loop), fut);
+    auto state = std::make_shared<State>();
+    struct Detach {
+        std::shared_ptr<FutureWaiter> waiter;
+        ~Detach() { waiter->detach(); }
+    } detach{waiter};
+    start([state, waiter](std::exception_ptr error) {
+        state->error = std::move(error);
+        state->done.store(true);
+        waiter->wake();
+    });
+    // Only the end of the work resolves the future; a cancellation comes out of the Yield.
+    if (!state->done.load()) co_await Yield{fut};
+    if (state->error) std::rethrow_exception(state->error);
+    co_return py::none();
+}
+
 Co<> awaitObject(py::object awaitable) {
     if (py::isinstance<AsyncOp>(awaitable)) {
         if (Co<> body = py::cast<AsyncOp&>(awaitable).takeBody()) co_return co_await body;
@@ -364,6 +391,7 @@ void bindAio(py::module_& m) {
     g = new Cached();
     py::module_ asyncio = py::module_::import("asyncio");
     g->get_running_loop = asyncio.attr("get_running_loop");
+    g->running_loop_or_none = asyncio.attr("_get_running_loop");
     g->timeout_error = asyncio.attr("TimeoutError");
     g->timed_out = py::module_::import("builtins").attr("object")();
     g->stop_iteration = py::reinterpret_borrow<py::object>(PyExc_StopIteration);

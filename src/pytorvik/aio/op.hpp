@@ -4,6 +4,8 @@
 
 #include <pybind11/pybind11.h>
 
+#include <exception>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -55,6 +57,15 @@ Co<> awaitObject(py::object awaitable);
 // wait is registered or the reply taken.
 Co<> awaitReply(std::shared_ptr<device::EchoPool> pool, std::uint32_t code, std::optional<double> timeout,
                 std::optional<device::AwaitedReply> announced = std::nullopt);
+
+// Starts work that ends on another thread and waits for its end without holding up the loop:
+// `start` gets the function to call at the end (from any thread, once), with the work's error or
+// null; the error is thrown here. The running loop of this thread is `loop`.
+using Finished = std::function<void(std::exception_ptr)>;
+Co<> awaitCompletion(const py::object& loop, const std::function<void(Finished)>& start);
+
+// The running loop of this thread, or None.
+py::object currentLoop();
 
 // Raises the event loop's own time-out error, with no text.
 [[noreturn]] void raiseLoopTimeout();

@@ -72,9 +72,11 @@ py::list preparePacket(py::handle cmd, py::handle data_out) {
     return pkt;
 }
 
-// Frames and sends a command through client_cmd, synchronously. Our own transports are called
-// in the engine with the GIL released; anything else goes through its Python sendPacket.
-void sendCommand(py::handle self, py::handle cmd, py::handle data_out) {
+// Frames and sends a command through client_cmd. Our own transports are called in the engine
+// with the GIL released; a USB transfer goes out on the client's sender thread while the loop
+// runs on (it takes a millisecond or more, and a loop that drives several units would otherwise
+// wait for each of them in turn). Anything else goes through its Python sendPacket.
+Co<> sendCommand(py::object self, py::object cmd, py::object data_out) {
     py::object client = self.attr("client_cmd");
     if (engineClientTypes().count(Py_TYPE(client.ptr())) > 0) {
         auto code = smallCode(cmd);
@@ -82,12 +84,23 @@ void sendCommand(py::handle self, py::handle cmd, py::handle data_out) {
         if (payload) {
             auto frame = w::buildFrame(*code, *payload);
             auto transport = py::cast<std::shared_ptr<transport::Client>>(client);
-            py::gil_scoped_release nogil;
-            transport->sendPacket(frame);
-            return;
+            if (auto usb = std::dynamic_pointer_cast<transport::UsbClient>(transport)) {
+                if (py::object loop = aio::currentLoop(); !loop.is_none()) {
+                    co_await aio::awaitCompletion(loop, [&usb, &frame](aio::Finished done) {
+                        usb->sendPacketLater(std::move(frame), std::move(done));
+                    });
+                    co_return py::none();
+                }
+            }
+            {
+                py::gil_scoped_release nogil;
+                transport->sendPacket(frame);
+            }
+            co_return py::none();
         }
     }
     client.attr("sendPacket")(self.attr("_preparePacket")(cmd, data_out));
+    co_return py::none();
 }
 
 std::uint32_t replyCode(py::handle cmd) {
@@ -108,7 +121,7 @@ Co<> getReplyFromPool(py::object self, py::object cmd) {
 Co<> echoPacket(py::object self, py::object cmd, py::object data_out, py::object timeout) {
     auto pool = echoPoolOf(self.attr("data_pool_echo"));
     device::AwaitedReply announced(pool);
-    sendCommand(self, cmd, data_out);
+    co_await sendCommand(self, cmd, data_out);
     try {
         co_return co_await aio::awaitReply(pool, replyCode(cmd), limitOf(timeout), std::move(announced));
     } catch (const aio::TimedOut&) {
@@ -142,8 +155,7 @@ Co<> echoPacketWithRetry(py::object self, py::object cmd, py::object data_out, p
 namespace {
 
 Co<> sendPacketWithoutReply(py::object self, py::object cmd, py::object data_out) {
-    sendCommand(self, cmd, data_out);
-    co_return py::none();
+    co_return co_await sendCommand(self, cmd, data_out);
 }
 
 Co<> getStreamingFromPool(py::object, py::object queue_, py::object num_samples, py::object delay) {

@@ -22,6 +22,17 @@ std::string hex4(unsigned v) {
     return buf;
 }
 
+// A client's end waits for its sender thread, whose last send may still wake a loop through the
+// interpreter: the last reference may go under the GIL (a cancelled operation), so let go of it.
+void deleteWithoutGil(UsbClient* client) {
+    if (Py_IsInitialized() && PyGILState_Check()) {
+        py::gil_scoped_release nogil;
+        delete client;
+        return;
+    }
+    delete client;
+}
+
 }  // namespace
 
 void bindUsbClient(py::module_& m) {
@@ -79,7 +90,7 @@ void bindUsbClient(py::module_& m) {
         m, "USBClient", py::dynamic_attr(), "USB transport to the unit with a given serial number.")
         .def(py::init([](const std::string& serial_num) {
                  py::gil_scoped_release nogil;
-                 return std::make_shared<UsbClient>(serial_num);
+                 return std::shared_ptr<UsbClient>(new UsbClient(serial_num), deleteWithoutGil);
              }),
              py::arg("serial_num"))
         .def_property_readonly("device", &UsbClient::device)
