@@ -73,6 +73,11 @@ void StreamSender::linkClosed() {
 
 void StreamSender::poke() { schedule(Clock::now()); }
 
+void StreamSender::linkDrained() {
+    const bool fault_pending = burst_left_ > 0 || torn_extra_ > 0;
+    schedule(pace_ == Pace::Fast || fault_pending ? Clock::now() : std::max(Clock::now(), last_sent_ + kTick));
+}
+
 void StreamSender::round() {
     AnalogInput* ai = input();
     if (!ai) return;
@@ -85,6 +90,7 @@ void StreamSender::round() {
     const std::size_t per_payload = std::min(frames_, maxFrames(ai->channels()));
     auto send = [&](AnalogInput::Emitted e) {
         l->send(e.bytes);
+        last_sent_ = now;
         stats_.frames += e.frames;
         ++stats_.payloads;
         stats_.nudges += e.nudges;

@@ -49,7 +49,9 @@ public:
 
     // The acquisition may have changed (a request or a control line): look again soon.
     void poke();
-    void linkDrained() { poke(); }
+    // The link took all it was given: a stream in real time goes on at its tick, as over a link
+    // that never backs up, so its payloads carry a tick's frames rather than one frame each.
+    void linkDrained();
     // A link closed: with no host left on the command or the stream channel, the acquisition ends.
     void linkClosed();
 
@@ -84,6 +86,7 @@ private:
     bool guard_ = true, stalled_ = false;
     std::uint64_t burst_left_ = 0;
     std::size_t torn_extra_ = 0;  // 0: none pending
+    Clock::time_point last_sent_{};  // the last round that sent a payload
     Stats stats_;
     RoundTimer timer_;  // last: it goes first, before what its round reads
 };

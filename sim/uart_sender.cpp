@@ -35,6 +35,16 @@ void UartSender::linkClosed() {
 
 void UartSender::poke() { schedule(Clock::now()); }
 
+void UartSender::linkDrained() {
+    constexpr std::size_t kPlenty = 64;
+    Uart* u = uart();
+    if (!u) return;
+    bool plenty = false;
+    for (auto& port : u->ports())
+        plenty = plenty || (port.reading && u->ready(port, kPlenty).size() >= kPlenty);
+    schedule(plenty ? Clock::now() : std::max(Clock::now(), last_sent_ + kTick));
+}
+
 void UartSender::round() {
     Uart* u = uart();
     if (!u) return;
@@ -65,6 +75,7 @@ void UartSender::round() {
                 ++shortened_;
             }
             l->send(frame);
+            last_sent_ = now;
             u->consume(port, n);
             sent = true;
             --budget;

@@ -30,7 +30,9 @@ public:
 
     // Something may have changed (a request, a control line, a new link): look again soon.
     void poke();
-    void linkDrained() { poke(); }
+    // The link took all it was given: a port with a packet's worth ready (a fast source) goes on
+    // at once, paced bytes at the tick, so that their payloads do not shrink to one drain's bytes.
+    void linkDrained();
     // With no host left on the command channel, reception ends.
     void linkClosed();
 
@@ -43,6 +45,7 @@ private:
 
     Unit& unit_;
     std::uint64_t shortened_ = 0;  // payloads cut short against a false frame
+    Clock::time_point last_sent_{};  // the last round that sent a payload
     RoundTimer timer_;  // last: it goes first, before what its round reads
 };
 

@@ -299,3 +299,32 @@ def test_the_node_of_an_unplugged_unit_answers_as_a_gone_device_however_often_it
              "    os.close(fd)\n") % node
     done = subprocess.run([sys.executable, "-c", probe], capture_output=True, text=True, timeout=30)
     assert done.returncode == 0, done.stderr
+
+
+def test_a_steady_analog_stream_over_usb_goes_out_a_tick_of_frames_at_a_time(usb_unit):
+    """The unit does not shrink its payloads to one frame each because the bus took the last one
+    quickly: a payload carries the frames of its tick, and every frame arrives."""
+    unit = usb_unit("TorvikUsbAnalog", firmware="model")
+    dev = t.TorvikUsbAnalog()
+
+    async def stream():
+        await dev.AI_open_async(0)
+        await dev.AI_setMode_async(0, 2)
+        await dev.AI_setSamplingRate_async(0, 1000)
+        await dev.AI_start_async(0)
+        got = []
+        until = time.monotonic() + 0.5
+        while time.monotonic() < until:
+            got += await dev.AI_readStreaming_async(0, -1, 0.01)
+        await dev.AI_stop_async(0)
+        got += await dev.AI_readStreaming_async(0, -1, 0.1)
+        return len(got)
+
+    try:
+        dev.connect(unit.serial, verbose=False)
+        received = run(stream())
+    finally:
+        dev.close()
+    stats = unit.stats()
+    assert received == stats["stream.frames"] >= 300
+    assert stats["stream.payloads"] * 3 <= stats["stream.frames"]
