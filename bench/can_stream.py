@@ -32,7 +32,7 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, os.path.join(HERE, "..", "tests", "python"))
 
 import pytorvik as t  # noqa: E402
-import simctl  # noqa: E402
+from pytorvik import simctl  # noqa: E402
 from devices import thread_cpu_seconds  # noqa: E402
 
 FRAMES = 1_000_000

@@ -29,7 +29,7 @@ import time
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests", "python"))
 
 import pytorvik as t  # noqa: E402
-import simctl  # noqa: E402
+from pytorvik import simctl  # noqa: E402
 from devices import thread_cpu_seconds  # noqa: E402
 
 UART_RATE = 11520  # 115200 baud, 10 bits a byte

@@ -8,15 +8,12 @@ and operations per second of 8 concurrent operations with different codes under 
 Run from the repository with the package installed: python bench/roundtrip.py [rounds]
 """
 import asyncio
-import os
 import statistics
 import sys
 import time
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests", "python"))
-
-import pytorvik as t  # noqa: E402
-import simctl  # noqa: E402
+import pytorvik as t
+from pytorvik import simctl
 
 
 class Bench(t.ETHDevice, t.Packet):

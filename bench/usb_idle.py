@@ -19,10 +19,8 @@ import subprocess
 import sys
 import time
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests", "python"))
-
-import pytorvik as t  # noqa: E402
-import simctl  # noqa: E402
+import pytorvik as t
+from pytorvik import simctl
 
 HANDLES = 10
 SERIALS = ["BENCH%02d" % i for i in range(HANDLES)]

@@ -11,7 +11,7 @@ import pytest
 # Ports are the units' defaults (7, 1336) when root, else chosen free by the system: connect
 # with dev.connect(u.addr, port=u.cmd_port).
 
-import simctl  # noqa: E402
+from pytorvik import simctl  # noqa: E402
 
 
 @pytest.fixture

@@ -6,7 +6,7 @@ label and is constructed with verbose=False.
 import threading
 
 import pytest
-import simctl
+from pytorvik import simctl
 
 import pytorvik
 

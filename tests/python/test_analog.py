@@ -17,7 +17,7 @@ class AnalogProbe(t.ETHDevice, t.SystemModule, t.AIModule, t.AOModule):
 
 @pytest.fixture(scope="module")
 def units():
-    import simctl
+    from pytorvik import simctl
     with simctl.Sim(simctl.unit_spec("TorvikLanAnalog"), simctl.unit_spec("TorvikLanOutput"),
                     simctl.unit_spec("TorvikLanAnalog")) as s:
         yield s.units

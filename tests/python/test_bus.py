@@ -43,7 +43,7 @@ def free(dev):
 
 @pytest.fixture(scope="module")
 def bus():
-    import simctl
+    from pytorvik import simctl
     with simctl.Sim(simctl.unit_spec("TorvikLanLogic")) as s:
         unit = s.unit
         unit.use_firmware("echo")

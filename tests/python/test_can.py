@@ -228,7 +228,7 @@ CAN_DICT = {1: PINS}
 
 @pytest.fixture(scope="module")
 def lan_unit():
-    import simctl
+    from pytorvik import simctl
     with simctl.Sim(simctl.unit_spec("TorvikLanLogic", cmd_port=0)) as s:
         s.unit.use_firmware("model", "TorvikUsbCan")
         yield s.unit

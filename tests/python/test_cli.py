@@ -4,7 +4,7 @@ import sys
 
 import pytest
 
-import simctl
+from pytorvik import simctl
 
 USB_SKIP = "torvik-sim was built without USB support (umockdev missing at build time)"
 

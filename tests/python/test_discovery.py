@@ -9,7 +9,7 @@ import socket
 import pytest
 
 import pytorvik as t
-import simctl
+from pytorvik import simctl
 from conftest import usb_host, wait_listed
 
 in_private_namespace = pytest.mark.skipif(

@@ -6,7 +6,7 @@ import sys
 
 import pytest
 
-import simctl
+from pytorvik import simctl
 
 EXAMPLES = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "examples")
 
@@ -159,7 +159,7 @@ def test_find_all_devices_lists_usb_and_network_units():
 BUS_DRIVER = """
 import os, runpy, sys
 sys.path[:0] = [{examples!r}, {tests!r}]
-import simctl
+from pytorvik import simctl
 unit = simctl.Sim.attach(os.environ["TORVIK_SIM_CONTROL"]).unit
 {setup}
 sys.argv = [{path!r}] + {args!r}

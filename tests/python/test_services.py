@@ -12,7 +12,7 @@ FF = 0xFF
 
 @pytest.fixture(scope="module")
 def units():
-    import simctl
+    from pytorvik import simctl
     with simctl.Sim(simctl.unit_spec("TorvikLanLogic"), simctl.unit_spec("TorvikAirAnalog")) as s:
         yield s.units
 

@@ -12,7 +12,7 @@ import time
 
 import pytest
 
-import simctl
+from pytorvik import simctl
 
 GET_DRIVER_INFO = 0xF0
 READ_DI = 0xE7

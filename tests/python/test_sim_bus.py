@@ -10,7 +10,7 @@ import warnings
 import pytest
 
 import pytorvik as t
-import simctl
+from pytorvik import simctl
 from conftest import usb_host, wait_listed
 
 UART = {1: [(0, 3), (0, 4)], 2: [(1, 2), (1, 3)]}

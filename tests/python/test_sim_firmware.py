@@ -5,7 +5,7 @@ import time
 
 import pytest
 
-import simctl
+from pytorvik import simctl
 from test_sim import recv_exactly, request
 
 # Codes, as the wire numbers them.

@@ -9,7 +9,7 @@ import struct
 import pytest
 
 import pytorvik as t
-import simctl
+from pytorvik import simctl
 from conftest import usb_host, wait_listed
 
 

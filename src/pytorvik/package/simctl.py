@@ -1,4 +1,6 @@
-"""Drives torvik-sim, the unit emulator, from tests.
+"""Drives torvik-sim, the unit emulator, from tests and scripts.
+
+    from pytorvik.simctl import Sim
 
     with Sim("TorvikCore@127.1.2.3:0") as sim:
         u = sim.unit                      # the first unit; sim.units has them all
