@@ -10,6 +10,13 @@
 
 #include "wire/splitter.hpp"
 
+// The interpreter is shutting down (the name changed in 3.13).
+#if PY_VERSION_HEX >= 0x030D0000
+#define TORVIK_FINALIZING() Py_IsFinalizing()
+#else
+#define TORVIK_FINALIZING() _Py_IsFinalizing()
+#endif
+
 namespace torvik::py_binding {
 
 namespace py = pybind11;

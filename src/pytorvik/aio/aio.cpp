@@ -7,12 +7,7 @@
 #include <vector>
 
 #include "aio/op.hpp"
-
-#if PY_VERSION_HEX >= 0x030D0000
-#define TORVIK_FINALIZING() Py_IsFinalizing()
-#else
-#define TORVIK_FINALIZING() _Py_IsFinalizing()
-#endif
+#include "bindings.hpp"
 
 namespace torvik::py_binding::aio {
 

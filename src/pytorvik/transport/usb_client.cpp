@@ -23,9 +23,10 @@ std::string hex4(unsigned v) {
 }
 
 // A client's end waits for its sender thread, whose last send may still wake a loop through the
-// interpreter: the last reference may go under the GIL (a cancelled operation), so let go of it.
+// interpreter: the last reference may go under the GIL (a cancelled operation), so let go of it
+// (not at shutdown, when no other thread may take it any more).
 void deleteWithoutGil(UsbClient* client) {
-    if (Py_IsInitialized() && PyGILState_Check()) {
+    if (Py_IsInitialized() && !TORVIK_FINALIZING() && PyGILState_Check()) {
         py::gil_scoped_release nogil;
         delete client;
         return;
