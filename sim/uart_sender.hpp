@@ -20,7 +20,7 @@ class Uart;
 
 class UartSender {
 public:
-    static constexpr Clock::duration kTick = std::chrono::milliseconds(2);
+    static constexpr Clock::duration kTick = std::chrono::milliseconds(5);
     // Bytes a payload carries at most; the length field would allow nearly twice as many.
     static constexpr std::size_t kPayloadBytes = 16384;
 
