@@ -11,9 +11,10 @@
 
 All handles share the script's one event loop.
 
-Per handle: what the units sent and what reached Python (frames or bytes), the round trip's p50 and
-p99 under load, and the CPU share of the library's threads (receive threads and stream workers) of
-one core. Targets: 0 lost; p99 under load <= 5 x the idle p99; library CPU <= 25 % of one core in (b).
+Per handle: what the rates give over the run, what the units sent and what reached Python (frames
+or bytes), the round trip's p50 and p99 under load, and the CPU share of the library's threads
+(receive threads and stream workers) of one core. Targets: 0 lost; p99 under load <= 5 x the idle
+p99; library CPU <= 25 % of one core in (b).
 
     python bench/fleet.py [SECONDS]        (default 30; with the package installed, or PYTHONPATH and
                                            TORVIK_SIM_BIN set)
@@ -273,27 +274,27 @@ def run_child(part, seconds, units, usb=(), usb_ai_rate=0):
 def show(title, result):
     reports, load = result["members"], result["load"]
     print(title)
-    print("  %-16s %26s %26s %9s %9s %9s %6s" % ("handle", "AI frames sent/received", "UART bytes sent/received",
+    print("  %-16s %30s %30s %9s %9s %9s %6s" % ("handle", "AI frames expected/sent/recv", "UART bytes expected/sent/recv",
                                                "p50 ms", "p99 ms", "idle p99", "CPU %"))
     lost = 0
     for r in reports:
         ai = r.get("ai")
         ua = r.get("uart")
-        ai_text = ("%d/%d%s" % (ai["sent"] or 0, ai["received"], " *" if ai["rate"] < ai["max_rate"] else "")) if ai else "-"
-        ua_text = "%d/%d" % (ua["sent"], ua["received"]) if ua else "-"
+        ai_text = ("%d/%d/%d%s" % (ai["expected"], ai["sent"] or 0, ai["received"],
+                                   " *" if ai["rate"] < ai["max_rate"] else "")) if ai else "-"
+        ua_text = "%d/%d/%d" % (ua["expected"], ua["sent"], ua["received"]) if ua else "-"
         lost += (ai["sent"] - ai["received"] if ai and ai["sent"] is not None else 0) + (ua["sent"] - ua["received"] if ua else 0)
-        print("  %-16s %26s %26s %9.2f %9.2f %9.2f %6.2f" % (r["name"], ai_text, ua_text, r["p50"] * 1e3, r["p99"] * 1e3,
+        print("  %-16s %30s %30s %9.2f %9.2f %9.2f %6.2f" % (r["name"], ai_text, ua_text, r["p50"] * 1e3, r["p99"] * 1e3,
                                                           r["idle_p99"] * 1e3, 100 * r["cpu"]))
     worst = max(r["p99"] / r["idle_p99"] for r in reports)
     cpu = sum(r["cpu"] for r in reports)
-    expected = sum((r.get("ai") or {}).get("expected", 0) for r in reports)
     by_thread = {}
     for r in reports:
         for k, v in r["cpu_by_thread"].items():
             by_thread[k] = by_thread.get(k, 0.0) + v
     print("  library CPU by thread: " + ", ".join("%s %.1f %%" % (k, 100 * v) for k, v in sorted(by_thread.items())))
-    print("  lost: %d; worst p99 under load / idle p99: %.1f x; library CPU: %.1f %% of one core; AI frames "
-          "expected at the units' rates: %d" % (lost, worst, 100 * cpu, expected))
+    print("  lost (sent, not received): %d; worst p99 under load / idle p99: %.1f x; library CPU: %.1f %% of one "
+          "core" % (lost, worst, 100 * cpu))
     print("  under load, of %d cores: the emulator took %.0f %% of one core, this script's process %.0f %% (the "
           "library's threads included)" % (os.cpu_count(), 100 * load["emulator"], 100 * load["script"]))
 
