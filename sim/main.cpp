@@ -1,5 +1,5 @@
 // torvik-sim: emulates Torvik units for the library's tests and for users without hardware.
-// See options.hpp for the command line and control.hpp for the control channel. Once everything
+// See options.hpp for the command line and control/channel.hpp for the control channel. Once everything
 // listens it prints, and flushes:
 //   ready
 //   control <path of the control socket>
@@ -27,12 +27,12 @@
 #include <vector>
 
 #include "child.hpp"
-#include "control.hpp"
-#include "discovery.hpp"
-#include "event_loop.hpp"
+#include "control/channel.hpp"
+#include "link/discovery.hpp"
+#include "link/event_loop.hpp"
 #include "options.hpp"
 #include "unit.hpp"
-#include "usb.hpp"
+#include "link/usb.hpp"
 #include "wire/commands.hpp"
 
 namespace {

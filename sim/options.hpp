@@ -4,9 +4,9 @@
 //   USBUNIT = CLASS:SERIAL[,product=TEXT][,transfer=bulk|interrupt][,canbus=NAME]
 // CLASS is a product class; ADDR a loopback IPv4 address (127.0.0.0/8); ports default to 7 and, for
 // Wi-Fi units, 1336 for the data connection; port 0 lets the system choose. USB units appear on
-// an emulated USB bus that the command's libusb sees (see usb.hpp); their product string defaults
+// an emulated USB bus that the command's libusb sees (see link/usb.hpp); their product string defaults
 // to the class's label, and several may share a serial number, as on a real bus. Units with a
-// CAN port that give the same canbus NAME share one emulated CAN bus (can_bus.hpp). --usb-host
+// CAN port that give the same canbus NAME share one emulated CAN bus (firmware/can_bus.hpp). --usb-host
 // makes the bus without units, for units added at run time through the control socket. --echo
 // starts every unit with the echo firmware ([port, 0] to every request) instead of its product's.
 // ",tcp" puts a USB product's firmware behind a TCP port: the host's engine takes the same path

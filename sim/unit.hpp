@@ -13,17 +13,17 @@
 #include <optional>
 #include <string>
 
-#include "event_loop.hpp"
-#include "faults.hpp"
-#include "firmware.hpp"
-#include "frame.hpp"
-#include "link.hpp"
-#include "can_sender.hpp"
-#include "stream_sender.hpp"
-#include "tcp.hpp"
-#include "transport.hpp"
-#include "uart_sender.hpp"
-#include "traffic_log.hpp"
+#include "link/event_loop.hpp"
+#include "control/faults.hpp"
+#include "firmware/firmware.hpp"
+#include "link/frame.hpp"
+#include "link/link.hpp"
+#include "streams/can.hpp"
+#include "streams/analog.hpp"
+#include "link/tcp.hpp"
+#include "link/transport.hpp"
+#include "streams/uart.hpp"
+#include "control/traffic_log.hpp"
 
 namespace sim {
 

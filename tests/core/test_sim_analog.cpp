@@ -6,9 +6,9 @@
 #include <bit>
 #include <random>
 
-#include "firmware_product.hpp"
-#include "frame.hpp"
-#include "frame_guard.hpp"
+#include "firmware/product.hpp"
+#include "link/frame.hpp"
+#include "link/frame_guard.hpp"
 #include "wire/commands.hpp"
 #include "wire/splitter.hpp"
 

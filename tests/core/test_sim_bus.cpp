@@ -2,7 +2,7 @@
 // receive buffer's bound, the EEPROM's addressing, the SPI settings' checks.
 #include <gtest/gtest.h>
 
-#include "firmware_product.hpp"
+#include "firmware/product.hpp"
 #include "wire/commands.hpp"
 
 namespace {

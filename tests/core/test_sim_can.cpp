@@ -2,8 +2,8 @@
 // controller refuses, and frames between two units on one bus.
 #include <gtest/gtest.h>
 
-#include "can_bus.hpp"
-#include "firmware_product.hpp"
+#include "firmware/can_bus.hpp"
+#include "firmware/product.hpp"
 #include "wire/commands.hpp"
 
 namespace {

@@ -2,7 +2,7 @@
 // serve over the network) and the clock under a hand-moved time source.
 #include <gtest/gtest.h>
 
-#include "firmware_product.hpp"
+#include "firmware/product.hpp"
 #include "wire/commands.hpp"
 
 namespace {

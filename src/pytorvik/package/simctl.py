@@ -22,7 +22,7 @@ The binary is ``$TORVIK_SIM_BIN`` if set, else ``torvik-sim`` beside the running
 installed package puts it there), else ``torvik-sim`` on PATH.
 
 Every method of ``Unit`` is one request on the emulator's control socket (its protocol is
-documented at the top of sim/control.hpp); a refused request raises ``SimError``.
+documented at the top of sim/control/channel.hpp); a refused request raises ``SimError``.
 """
 
 import itertools
@@ -375,7 +375,7 @@ class Unit:
     def set_waveform(self, channel, kind, *args):
         """What input channel `channel` measures: set_waveform(0, "counter"), ("sine", A, O, P),
         ("ramp", LOW, HIGH, P), ("const", V), ("raw", COUNTS), ("ao", K). P in samples, or seconds
-        as a string "0.5s"; volts in V. See sim/waveform.hpp."""
+        as a string "0.5s"; volts in V. See sim/firmware/waveform.hpp."""
         self._do("wave", int(channel), kind, *args)
 
     def default_waveforms(self):
