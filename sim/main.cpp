@@ -184,8 +184,8 @@ int main(int argc, char** argv) {
     }
 
     if (wantsUsb(opts)) {
-        if (!sim::usbSupported()) {
-            std::fprintf(stderr, "torvik-sim: built without USB support (umockdev was not found at build time)\n");
+        if (const std::string why = sim::usbUnavailableReason(); !why.empty()) {
+            std::fprintf(stderr, "torvik-sim: cannot play USB units: %s\n", why.c_str());
             return 77;
         }
         try {

@@ -8,7 +8,6 @@
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <termios.h>
-#include <umockdev.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -26,13 +25,15 @@
 #include <stdexcept>
 #include <string>
 
+#include "link/umockdev_api.hpp"
 #include "wire/commands.hpp"
 
 namespace sim {
 
+using namespace um;
+
 namespace {
 
-constexpr const char* kPreload = "libumockdev-preload.so.0";
 constexpr const char* kPreloadMarker = "TORVIK_SIM_UNDER_PRELOAD";
 constexpr std::size_t kPacket = torvik::wire::USB_PKT_SIZE;
 constexpr std::size_t kTransfersKept = 512;
@@ -796,7 +797,7 @@ void UsbLink::abort() {
 
 }  // namespace
 
-bool usbSupported() { return true; }
+std::string usbUnavailableReason() { return unavailableReason(); }
 
 void runUnderUsbPreload(char** argv) {
     if (std::getenv(kPreloadMarker)) {
@@ -815,12 +816,13 @@ void runUnderUsbPreload(char** argv) {
             from = end + 1;
         }
     }
-    preload += kPreload;
+    const std::string path = preloadPath();
+    preload += path;
     setenv("LD_PRELOAD", preload.c_str(), 1);
     unsetenv("UMOCKDEV_DIR");
     setenv(kPreloadMarker, "1", 1);
     execv("/proc/self/exe", argv);
-    throw std::runtime_error(std::string("cannot re-execute under ") + kPreload + ": " + std::strerror(errno));
+    throw std::runtime_error("cannot re-execute under " + path + ": " + std::strerror(errno));
 }
 
 std::unique_ptr<DeviceBus> makeUsbBus(EventLoop& loop) { return std::make_unique<Bus>(loop); }

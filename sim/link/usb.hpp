@@ -8,17 +8,20 @@
 // and whose hang-up at unplug is the POLLERR a real kernel gives. The handlers run on umockdev's
 // worker thread; what the units do runs on the event loop, and the two talk through queues.
 //
-// Built only where umockdev is found; elsewhere usbSupported() is false and makeUsbBus throws.
+// umockdev is loaded at run time (link/umockdev_api.hpp); on systems without it (and where the
+// emulator is built without USB, off Linux) usbUnavailableReason() says why and makeUsbBus throws.
 #pragma once
 
 #include <memory>
+#include <string>
 
 #include "link/event_loop.hpp"
 #include "link/transport.hpp"
 
 namespace sim {
 
-bool usbSupported();
+// Empty when USB units can be played here.
+std::string usbUnavailableReason();
 
 // Makes sure this process runs under umockdev's preload: re-executes itself with it if not
 // (returns only when already under it). Call before any other thread starts.
