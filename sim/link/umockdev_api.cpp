@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 #include <link.h>
+#include <unistd.h>
 
 #include <mutex>
 
@@ -96,7 +97,11 @@ const Api& api() {
 
 const std::string& unavailableReason() { return api().reason; }
 
-std::string preloadPath() { return api().dir + kPreload; }
+std::string preloadPath() {
+    // Packaged beside the library (Debian); elsewhere left to the loader's search.
+    const std::string beside = api().dir + kPreload;
+    return !api().dir.empty() && access(beside.c_str(), R_OK) == 0 ? beside : kPreload;
+}
 
 UMockdevTestbed* umockdev_testbed_new() { return api().testbed_new(); }
 gchar* umockdev_testbed_get_root_dir(UMockdevTestbed* self) { return api().testbed_get_root_dir(self); }
