@@ -42,6 +42,7 @@ struct ConnectionLost : std::runtime_error {
 // A libusb call failed; `code` is libusb's (negative) error code, what() its text.
 struct UsbError : std::runtime_error {
     explicit UsbError(int code);
+    UsbError(int code, const std::string& what) : std::runtime_error(what), code(code) {}
     int code;
 };
 

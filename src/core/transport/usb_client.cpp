@@ -1,19 +1,18 @@
 #include "transport/usb_client.hpp"
 
-#include <libusb.h>
-
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <future>
 
+#include "transport/libusb_loader.hpp"
 #include "wire/commands.hpp"
 
 namespace torvik::transport {
 
-UsbError::UsbError(int code) : std::runtime_error(libusb_strerror(code)), code(code) {}
+UsbError::UsbError(int code) : std::runtime_error(lu::errorText(code)), code(code) {}
 
-UsbTimeout::UsbTimeout() : UsbError(LIBUSB_ERROR_TIMEOUT) {}
+UsbTimeout::UsbTimeout() : UsbError(lu::ERROR_TIMEOUT) {}
 
 // libusb contexts. Listings share one, made on first use and kept until the process ends: a
 // context per listing would rescan the bus and start and stop libusb's hotplug monitor each time
@@ -27,26 +26,26 @@ public:
         static auto* kept = new std::shared_ptr<UsbContext>;
         std::lock_guard lock(*mutex);
         if (*kept) return *kept;
-        libusb_context* raw = nullptr;
-        if (int rc = libusb_init(&raw); rc < 0) throw UsbError(rc);
+        lu::context* raw = nullptr;
+        if (int rc = libusb().init(&raw); rc < 0) throw UsbError(rc);
         kept->reset(new UsbContext(raw));
         return *kept;
     }
     // The shared one stays, so the hotplug monitor runs while clients come and go.
     static std::shared_ptr<UsbContext> own() {
         shared();
-        libusb_context* raw = nullptr;
-        if (int rc = libusb_init(&raw); rc < 0) throw UsbError(rc);
+        lu::context* raw = nullptr;
+        if (int rc = libusb().init(&raw); rc < 0) throw UsbError(rc);
         return std::shared_ptr<UsbContext>(new UsbContext(raw));
     }
-    ~UsbContext() { libusb_exit(ctx_); }
+    ~UsbContext() { libusb().exit(ctx_); }
     UsbContext(const UsbContext&) = delete;
     UsbContext& operator=(const UsbContext&) = delete;
-    libusb_context* raw() const { return ctx_; }
+    lu::context* raw() const { return ctx_; }
 
 private:
-    explicit UsbContext(libusb_context* ctx) : ctx_(ctx) {}
-    libusb_context* ctx_;
+    explicit UsbContext(lu::context* ctx) : ctx_(ctx) {}
+    lu::context* ctx_;
 };
 
 namespace {
@@ -56,30 +55,33 @@ namespace w = torvik::wire;
 // A write that the unit does not take within this time fails instead of hanging.
 constexpr unsigned kWriteTimeoutMs = 1000;
 
-using HandlePtr = std::unique_ptr<libusb_device_handle, decltype(&libusb_close)>;
+struct CloseHandle {
+    void operator()(lu::device_handle* h) const { libusb().close(h); }
+};
+using HandlePtr = std::unique_ptr<lu::device_handle, CloseHandle>;
 
 // The attached devices, referenced while the list lives.
 class DeviceList {
 public:
-    explicit DeviceList(libusb_context* ctx) {
-        ssize_t n = libusb_get_device_list(ctx, &list_);
+    explicit DeviceList(lu::context* ctx) {
+        std::ptrdiff_t n = libusb().get_device_list(ctx, &list_);
         if (n < 0) throw UsbError(static_cast<int>(n));
         size_ = static_cast<std::size_t>(n);
     }
-    ~DeviceList() { libusb_free_device_list(list_, 1); }
+    ~DeviceList() { libusb().free_device_list(list_, 1); }
     DeviceList(const DeviceList&) = delete;
     DeviceList& operator=(const DeviceList&) = delete;
-    libusb_device* const* begin() const { return list_; }
-    libusb_device* const* end() const { return list_ + size_; }
+    lu::device* const* begin() const { return list_; }
+    lu::device* const* end() const { return list_ + size_; }
 
 private:
-    libusb_device** list_ = nullptr;
+    lu::device** list_ = nullptr;
     std::size_t size_ = 0;
 };
 
 // Vendor first, then product: nothing else is read from a device of another maker.
-bool isUnit(libusb_device* dev, libusb_device_descriptor& desc) {
-    if (libusb_get_device_descriptor(dev, &desc) < 0) return false;
+bool isUnit(lu::device* dev, lu::device_descriptor& desc) {
+    if (libusb().get_device_descriptor(dev, &desc) < 0) return false;
     return desc.idVendor == w::USB_VID && desc.idProduct == w::USB_PID;
 }
 
@@ -102,16 +104,16 @@ void appendUtf8(std::string& out, std::uint32_t cp) {
 }
 
 // A string descriptor in the device's first language, as UTF-8; nullopt for index 0.
-std::optional<std::string> readString(libusb_device_handle* h, std::uint8_t index) {
+std::optional<std::string> readString(lu::device_handle* h, std::uint8_t index) {
     if (index == 0) return std::nullopt;
     unsigned char buf[255];
-    int n = libusb_get_string_descriptor(h, 0, 0, buf, sizeof buf);
+    int n = lu::getStringDescriptor(libusb(), h, 0, 0, buf, sizeof buf);
     if (n < 0) throw UsbError(n);
-    if (n < 4 || buf[1] != LIBUSB_DT_STRING) throw UsbError(LIBUSB_ERROR_IO);
+    if (n < 4 || buf[1] != lu::DT_STRING) throw UsbError(lu::ERROR_IO);
     const std::uint16_t lang = static_cast<std::uint16_t>(buf[2] | buf[3] << 8);
-    n = libusb_get_string_descriptor(h, index, lang, buf, sizeof buf);
+    n = lu::getStringDescriptor(libusb(), h, index, lang, buf, sizeof buf);
     if (n < 0) throw UsbError(n);
-    if (n < 2 || buf[1] != LIBUSB_DT_STRING) throw UsbError(LIBUSB_ERROR_IO);
+    if (n < 2 || buf[1] != lu::DT_STRING) throw UsbError(lu::ERROR_IO);
     n = std::min<int>(n, buf[0]);
     std::string out;
     for (int i = 2; i + 1 < n; i += 2) {
@@ -135,7 +137,7 @@ struct Completion {
     int flag = 0;
 };
 
-void LIBUSB_CALL onTransferDone(libusb_transfer* t) {
+void TORVIK_LIBUSB_CALL onTransferDone(lu::transfer* t) {
     auto* c = static_cast<Completion*>(t->user_data);
     c->done.store(true);
     c->flag = 1;
@@ -150,7 +152,7 @@ public:
     explicit Use(UsbClient& c, bool quiet = false) : c_(c) {
         std::lock_guard lock(c_.m_);
         if (c_.released_ || !c_.handle_) {
-            if (!quiet) throw UsbError(LIBUSB_ERROR_NO_DEVICE);
+            if (!quiet) throw UsbError(lu::ERROR_NO_DEVICE);
             return;
         }
         ++c_.users_;
@@ -172,15 +174,15 @@ private:
 
 UsbClient::UsbClient(const std::string& serial)
     : ctx_(UsbContext::own()), ep_in_(w::USB_EP_IN), ep_out_(w::USB_EP_OUT) {
-    HandlePtr handle(nullptr, &libusb_close);
+    HandlePtr handle;
     {
         DeviceList list(ctx_->raw());
-        for (libusb_device* dev : list) {
-            libusb_device_descriptor desc;
+        for (lu::device* dev : list) {
+            lu::device_descriptor desc;
             if (!isUnit(dev, desc)) continue;
-            libusb_device_handle* h = nullptr;
-            if (libusb_open(dev, &h) < 0) continue;  // a unit we cannot open has no serial number to us
-            HandlePtr candidate(h, &libusb_close);
+            lu::device_handle* h = nullptr;
+            if (libusb().open(dev, &h) < 0) continue;  // a unit we cannot open has no serial number to us
+            HandlePtr candidate(h);
             std::optional<std::string> s;
             try {
                 s = readString(h, desc.iSerialNumber);
@@ -194,36 +196,38 @@ UsbClient::UsbClient(const std::string& serial)
     }
     if (!handle) throw UsbUnitNotFound("no USB unit with serial number " + serial);
 
-    libusb_device* dev = libusb_get_device(handle.get());
-    libusb_device_descriptor d;
-    if (int rc = libusb_get_device_descriptor(dev, &d); rc < 0) throw UsbError(rc);
-    device_ = UsbDeviceInfo{d.idVendor,      d.idProduct, d.bcdDevice,          libusb_get_bus_number(dev),
-                            libusb_get_device_address(dev), d.iManufacturer, d.iProduct, d.iSerialNumber,
+    lu::device* dev = libusb().get_device(handle.get());
+    lu::device_descriptor d;
+    if (int rc = libusb().get_device_descriptor(dev, &d); rc < 0) throw UsbError(rc);
+    device_ = UsbDeviceInfo{d.idVendor,      d.idProduct, d.bcdDevice,          libusb().get_bus_number(dev),
+                            libusb().get_device_address(dev), d.iManufacturer, d.iProduct, d.iSerialNumber,
                             d.bNumConfigurations};
 
-    libusb_config_descriptor* cfg = nullptr;
-    if (int rc = libusb_get_config_descriptor(dev, 0, &cfg); rc < 0) throw UsbError(rc);
-    std::unique_ptr<libusb_config_descriptor, decltype(&libusb_free_config_descriptor)> cfg_owner(
-        cfg, &libusb_free_config_descriptor);
+    lu::config_descriptor* cfg = nullptr;
+    if (int rc = libusb().get_config_descriptor(dev, 0, &cfg); rc < 0) throw UsbError(rc);
+    struct FreeConfig {
+        void operator()(lu::config_descriptor* c) const { libusb().free_config_descriptor(c); }
+    };
+    std::unique_ptr<lu::config_descriptor, FreeConfig> cfg_owner(cfg);
     config_ = UsbConfigInfo{cfg->bConfigurationValue, cfg->bNumInterfaces, cfg->bmAttributes, cfg->MaxPower};
-    if (cfg->bNumInterfaces == 0 || cfg->interface[0].num_altsetting == 0) throw UsbError(LIBUSB_ERROR_NOT_FOUND);
-    const libusb_interface_descriptor& alt = cfg->interface[0].altsetting[0];
+    if (cfg->bNumInterfaces == 0 || cfg->interfaces[0].num_altsetting == 0) throw UsbError(lu::ERROR_NOT_FOUND);
+    const lu::interface_descriptor& alt = cfg->interfaces[0].altsetting[0];
     interface_.number = alt.bInterfaceNumber;
     interface_.alternate = alt.bAlternateSetting;
     interface_.interface_class = alt.bInterfaceClass;
     for (int i = 0; i < alt.bNumEndpoints; ++i) {
-        const libusb_endpoint_descriptor& ep = alt.endpoint[i];
+        const lu::endpoint_descriptor& ep = alt.endpoint[i];
         interface_.endpoints.push_back({ep.bEndpointAddress, ep.bmAttributes, ep.wMaxPacketSize});
-        const bool interrupt = (ep.bmAttributes & 3) == LIBUSB_TRANSFER_TYPE_INTERRUPT;
+        const bool interrupt = (ep.bmAttributes & 3) == lu::TRANSFER_TYPE_INTERRUPT;
         if (ep.bEndpointAddress == ep_in_) in_interrupt_ = interrupt;
         if (ep.bEndpointAddress == ep_out_) out_interrupt_ = interrupt;
     }
 
 #ifdef __linux__
-    const int active = libusb_kernel_driver_active(handle.get(), interface_.number);
+    const int active = libusb().kernel_driver_active(handle.get(), interface_.number);
     if (active == 1) {
-        if (int rc = libusb_detach_kernel_driver(handle.get(), interface_.number); rc < 0) throw UsbError(rc);
-    } else if (active < 0 && active != LIBUSB_ERROR_NOT_SUPPORTED) {
+        if (int rc = libusb().detach_kernel_driver(handle.get(), interface_.number); rc < 0) throw UsbError(rc);
+    } else if (active < 0 && active != lu::ERROR_NOT_SUPPORTED) {
         throw UsbError(active);
     }
 #endif
@@ -232,7 +236,7 @@ UsbClient::UsbClient(const std::string& serial)
 
 UsbClient::~UsbClient() {
     stopSender();
-    if (handle_) libusb_close(handle_);
+    if (handle_) libusb().close(handle_);
 }
 
 std::optional<std::string> UsbClient::takeSerialNumber() {
@@ -247,22 +251,26 @@ std::optional<std::string> UsbClient::takeProductName() {
 
 std::optional<UsbClient::Outcome> UsbClient::transfer(std::uint8_t endpoint, bool interrupt, std::uint8_t* data,
                                                       std::size_t length, unsigned timeout_ms, bool cancellable) {
-    std::unique_ptr<libusb_transfer, decltype(&libusb_free_transfer)> t(libusb_alloc_transfer(0), &libusb_free_transfer);
-    if (!t) throw UsbError(LIBUSB_ERROR_NO_MEM);
+    const Libusb& api = libusb();
+    struct FreeTransfer {
+        void operator()(lu::transfer* t) const { libusb().free_transfer(t); }
+    };
+    std::unique_ptr<lu::transfer, FreeTransfer> t(api.alloc_transfer(0));
+    if (!t) throw UsbError(lu::ERROR_NO_MEM);
     Completion completion;
-    (interrupt ? libusb_fill_interrupt_transfer : libusb_fill_bulk_transfer)(
-        t.get(), handle_, endpoint, data, static_cast<int>(length), &onTransferDone, &completion, timeout_ms);
+    lu::fillTransfer(t.get(), handle_, endpoint, interrupt ? lu::TRANSFER_TYPE_INTERRUPT : lu::TRANSFER_TYPE_BULK, data,
+                     static_cast<int>(length), &onTransferDone, &completion, timeout_ms);
     {
         std::lock_guard lock(m_);
         if (cancellable && released_) return std::nullopt;
-        if (int rc = libusb_submit_transfer(t.get()); rc < 0) throw UsbError(rc);
+        if (int rc = api.submit_transfer(t.get()); rc < 0) throw UsbError(rc);
         if (cancellable) waiting_ = t.get();
     }
     // libusb's own way of waiting for one transfer: whichever thread holds the event lock reaps
     // it, the others sleep until it has. Nothing wakes while the unit is silent.
     while (!completion.done.load()) {
-        const int rc = libusb_handle_events_completed(ctx_->raw(), &completion.flag);
-        if (rc < 0 && rc != LIBUSB_ERROR_INTERRUPTED) libusb_cancel_transfer(t.get());  // its completion ends the wait
+        const int rc = api.handle_events_completed(ctx_->raw(), &completion.flag);
+        if (rc < 0 && rc != lu::ERROR_INTERRUPTED) api.cancel_transfer(t.get());  // its completion ends the wait
     }
     if (cancellable) {
         std::lock_guard lock(m_);
@@ -275,12 +283,12 @@ namespace {
 
 [[noreturn]] void throwFor(int status) {
     switch (status) {
-        case LIBUSB_TRANSFER_TIMED_OUT: throw UsbTimeout();
-        case LIBUSB_TRANSFER_STALL: throw UsbError(LIBUSB_ERROR_PIPE);
-        case LIBUSB_TRANSFER_NO_DEVICE: throw UsbError(LIBUSB_ERROR_NO_DEVICE);
-        case LIBUSB_TRANSFER_OVERFLOW: throw UsbError(LIBUSB_ERROR_OVERFLOW);
-        case LIBUSB_TRANSFER_CANCELLED: throw UsbError(LIBUSB_ERROR_INTERRUPTED);
-        default: throw UsbError(LIBUSB_ERROR_IO);
+        case lu::TRANSFER_TIMED_OUT: throw UsbTimeout();
+        case lu::TRANSFER_STALL: throw UsbError(lu::ERROR_PIPE);
+        case lu::TRANSFER_NO_DEVICE: throw UsbError(lu::ERROR_NO_DEVICE);
+        case lu::TRANSFER_OVERFLOW: throw UsbError(lu::ERROR_OVERFLOW);
+        case lu::TRANSFER_CANCELLED: throw UsbError(lu::ERROR_INTERRUPTED);
+        default: throw UsbError(lu::ERROR_IO);
     }
 }
 
@@ -291,8 +299,8 @@ std::vector<std::uint8_t> UsbClient::recvPacket(std::size_t length, unsigned tim
     std::vector<std::uint8_t> buf(length);
     // libusb reads a time limit of 0 as none; the shortest limit is 1 ms.
     const Outcome r = *transfer(ep_in_, in_interrupt_, buf.data(), length, std::max(timeout_ms, 1u), false);
-    const bool some = r.actual > 0 && (r.status == LIBUSB_TRANSFER_COMPLETED || r.status == LIBUSB_TRANSFER_TIMED_OUT);
-    if (r.status != LIBUSB_TRANSFER_COMPLETED && !some) throwFor(r.status);
+    const bool some = r.actual > 0 && (r.status == lu::TRANSFER_COMPLETED || r.status == lu::TRANSFER_TIMED_OUT);
+    if (r.status != lu::TRANSFER_COMPLETED && !some) throwFor(r.status);
     buf.resize(static_cast<std::size_t>(r.actual));
     return buf;
 }
@@ -307,7 +315,7 @@ std::vector<std::uint8_t> UsbClient::awaitPacket(std::size_t length) {
     std::vector<std::uint8_t> buf(length);
     const auto r = transfer(ep_in_, in_interrupt_, buf.data(), length, 0, true);
     if (!r) return {};
-    if (r->status != LIBUSB_TRANSFER_COMPLETED && r->status != LIBUSB_TRANSFER_CANCELLED) throwFor(r->status);
+    if (r->status != lu::TRANSFER_COMPLETED && r->status != lu::TRANSFER_CANCELLED) throwFor(r->status);
     buf.resize(static_cast<std::size_t>(r->actual));
     return buf;
 }
@@ -326,7 +334,7 @@ void UsbClient::sendNow(std::span<const std::uint8_t> bytes) {
     auto data = padToPacket(bytes, w::USB_PKT_SIZE);
     Use use(*this);
     const Outcome r = *transfer(ep_out_, out_interrupt_, data.data(), data.size(), kWriteTimeoutMs, false);
-    if (r.status != LIBUSB_TRANSFER_COMPLETED) throwFor(r.status);
+    if (r.status != lu::TRANSFER_COMPLETED) throwFor(r.status);
 }
 
 void UsbClient::sendPacket(std::span<const std::uint8_t> bytes) {
@@ -357,7 +365,7 @@ void UsbClient::sendPacketLater(std::vector<std::uint8_t> frame, SendDone done) 
             return;
         }
     }
-    done(std::make_exception_ptr(UsbError(LIBUSB_ERROR_NO_DEVICE)));
+    done(std::make_exception_ptr(UsbError(lu::ERROR_NO_DEVICE)));
 }
 
 void UsbClient::runSender() {
@@ -393,12 +401,12 @@ void UsbClient::stopSender() {
 }
 
 void UsbClient::release() {
-    libusb_device_handle* closing = nullptr;
+    lu::device_handle* closing = nullptr;
     {
         std::unique_lock lock(m_);
         if (released_) return;
         released_ = true;
-        if (waiting_) libusb_cancel_transfer(waiting_);
+        if (waiting_) libusb().cancel_transfer(waiting_);
         // A cancelled read ends within milliseconds, a write within its time limit. Should a call
         // still be inside after that, the destructor closes the handle once it has let go.
         if (!idle_.wait_for(lock, std::chrono::milliseconds(kWriteTimeoutMs + 500), [this] { return users_ == 0; }))
@@ -406,7 +414,7 @@ void UsbClient::release() {
         std::swap(closing, handle_);
     }
     stopSender();
-    libusb_close(closing);
+    libusb().close(closing);
 }
 
 std::vector<std::uint8_t> padToPacket(std::span<const std::uint8_t> frame, std::size_t packet_size) {
@@ -419,12 +427,12 @@ std::vector<UsbUnitStrings> listUsbUnits() {
     auto ctx = UsbContext::shared();
     std::vector<UsbUnitStrings> out;
     DeviceList list(ctx->raw());
-    for (libusb_device* dev : list) {
-        libusb_device_descriptor desc;
+    for (lu::device* dev : list) {
+        lu::device_descriptor desc;
         if (!isUnit(dev, desc)) continue;
-        libusb_device_handle* h = nullptr;
-        if (int rc = libusb_open(dev, &h); rc < 0) throw UsbError(rc);
-        HandlePtr handle(h, &libusb_close);
+        lu::device_handle* h = nullptr;
+        if (int rc = libusb().open(dev, &h); rc < 0) throw UsbError(rc);
+        HandlePtr handle(h);
         UsbUnitStrings s;
         s.serial = readString(h, desc.iSerialNumber);
         s.product = readString(h, desc.iProduct);
@@ -434,7 +442,7 @@ std::vector<UsbUnitStrings> listUsbUnits() {
 }
 
 std::string libusbVersion() {
-    const libusb_version* v = libusb_get_version();
+    const lu::version* v = libusb().get_version();
     return std::to_string(v->major) + "." + std::to_string(v->minor) + "." + std::to_string(v->micro) +
            "." + std::to_string(v->nano);
 }

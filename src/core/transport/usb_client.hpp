@@ -29,10 +29,12 @@
 #include "transport/client.hpp"
 #include "transport/errors.hpp"
 
-struct libusb_device_handle;
-struct libusb_transfer;
-
 namespace torvik::transport {
+
+namespace lu {
+struct device_handle;
+struct transfer;
+}  // namespace lu
 
 class UsbContext;
 
@@ -66,7 +68,8 @@ struct UsbUnitStrings {
 class UsbClient : public Client {
 public:
     // Opens the first attached unit with the unit vendor and product ids and this serial number.
-    // Throws UsbUnitNotFound, or UsbError when the descriptors or the driver detach fail.
+    // Throws UsbUnitNotFound, or UsbError when the descriptors or the driver detach fail
+    // (LibusbNotFound when no libusb-1.0 can be loaded: see libusb_loader.hpp).
     explicit UsbClient(const std::string& serial);
     ~UsbClient() override;
 
@@ -107,7 +110,7 @@ public:
 private:
     class Use;
     struct Outcome {
-        int status;  // libusb_transfer_status
+        int status;  // lu::transfer_status
         int actual;
     };
     // One transfer on a data endpoint, waited for by the calling thread (time limit 0: none). A
@@ -120,7 +123,7 @@ private:
     void stopSender();
 
     std::shared_ptr<UsbContext> ctx_;
-    libusb_device_handle* handle_ = nullptr;  // null once closed; guarded by m_ for closing
+    lu::device_handle* handle_ = nullptr;  // null once closed; guarded by m_ for closing
     UsbDeviceInfo device_;
     UsbConfigInfo config_;
     UsbInterfaceInfo interface_;
@@ -131,7 +134,7 @@ private:
     std::condition_variable idle_;
     bool released_ = false;                 // guarded by m_
     unsigned users_ = 0;                    // calls using handle_ now; guarded by m_
-    libusb_transfer* waiting_ = nullptr;    // the cancellable transfer in flight; guarded by m_
+    lu::transfer* waiting_ = nullptr;    // the cancellable transfer in flight; guarded by m_
 
     struct QueuedSend {
         std::vector<std::uint8_t> frame;
@@ -151,7 +154,7 @@ std::vector<std::uint8_t> padToPacket(std::span<const std::uint8_t> frame, std::
 // when one cannot be opened or read.
 std::vector<UsbUnitStrings> listUsbUnits();
 
-// Version of the linked libusb-1.0, "<major>.<minor>.<micro>.<nano>".
+// Version of the loaded libusb-1.0, "<major>.<minor>.<micro>.<nano>" (loading it, see libusb()).
 std::string libusbVersion();
 
 }  // namespace torvik::transport
