@@ -7,6 +7,7 @@
 #include "measure/signal_queue.hpp"
 #include "pyclass.hpp"
 #include "transport/client.hpp"
+#include "transport/usb_backend.hpp"
 #include "transport/usb_client.hpp"
 #include "wire/commands.hpp"
 #include "wire/frame.hpp"
@@ -233,6 +234,7 @@ void bindPacket(py::module_& m) {
              },
              py::arg("cmd"), py::arg("data_out"))
         .def("_getAllUSBDevices", [](py::handle) {
+            requireLibusb();
             std::vector<transport::UsbUnitStrings> units;
             {
                 py::gil_scoped_release nogil;

@@ -1,8 +1,12 @@
 #include <pybind11/stl.h>
 
 #include <cstdio>
+#include <optional>
 
 #include "bindings.hpp"
+#include "device/device_binding.hpp"
+#include "transport/libusb_loader.hpp"
+#include "transport/usb_backend.hpp"
 #include "transport/usb_client.hpp"
 
 namespace torvik::py_binding {
@@ -11,10 +15,56 @@ using transport::UsbClient;
 
 namespace {
 
-// What getLibUSB1 reports: libusb-1.0 is linked at build time, so there is nothing to look for.
+// What getLibUSB1 reports: the libusb-1.0 that was loaded.
 struct UsbBackend {
-    std::string version = transport::libusbVersion();
+    std::string version, path;
 };
+
+// The directory of the module's file; empty when it has none.
+std::string moduleDir() {
+    py::object file = py::getattr(moduleObject(), "__file__", py::none());
+    if (!py::isinstance<py::str>(file)) return {};
+    return py::module_::import("os.path").attr("dirname")(file).cast<std::string>();
+}
+
+// The directory of the libusb-package wheel, found without importing it (its import costs much).
+std::optional<std::string> libusbPackageDir() {
+    try {
+        py::object spec = py::module_::import("importlib.util").attr("find_spec")("libusb_package");
+        if (spec.is_none()) return std::nullopt;
+        py::object where = py::getattr(spec, "submodule_search_locations", py::none());
+        if (!where.is_none())
+            for (py::handle dir : where)
+                if (py::isinstance<py::str>(dir)) return dir.cast<std::string>();
+        py::object origin = py::getattr(spec, "origin", py::none());
+        if (!py::isinstance<py::str>(origin)) return std::nullopt;
+        return py::module_::import("os.path").attr("dirname")(origin).cast<std::string>();
+    } catch (py::error_already_set& e) {
+        if (!e.matches(PyExc_Exception)) throw;
+        return std::nullopt;  // a sys.path entry that cannot be searched: as good as absent
+    }
+}
+
+// The search of getLibUSB1: beside the module, its ../ext_lib, the system's own, then the copy of
+// the libusb-package wheel (looked up only when the others fail). Null when none loads; `tried`
+// then names every place looked in.
+const transport::Libusb* findLibusb(std::vector<std::string>& tried) {
+    transport::LibusbLoader& loader = transport::processLibusb();
+    if (const transport::Libusb* api = loader.loaded()) return api;
+    const std::vector<std::string> candidates = transport::libusbCandidates(moduleDir());
+    {
+        py::gil_scoped_release nogil;
+        if (const transport::Libusb* api = loader.load(candidates, &tried)) return api;
+    }
+    const std::optional<std::string> wheel = libusbPackageDir();
+    if (!wheel) {
+        tried.push_back("the libusb-package wheel (not installed)");
+        return nullptr;
+    }
+    const std::vector<std::string> last{transport::libusbFileIn(*wheel)};
+    py::gil_scoped_release nogil;
+    return loader.load(last, &tried);
+}
 
 std::string hex4(unsigned v) {
     char buf[8];
@@ -36,17 +86,34 @@ void deleteWithoutGil(UsbClient* client) {
 
 }  // namespace
 
+const transport::Libusb& requireLibusb() {
+    std::vector<std::string> tried;
+    if (const transport::Libusb* api = findLibusb(tried)) return *api;
+    throw transport::LibusbNotFound(tried, std::string(transport::kInstallLibusbHint) + " or pip install pytorvik[usb]");
+}
+
 void bindUsbClient(py::module_& m) {
     using transport::UsbConfigInfo;
     using transport::UsbDeviceInfo;
     using transport::UsbEndpointInfo;
     using transport::UsbInterfaceInfo;
 
-    py::class_<UsbBackend>(m, "USBBackend", "The USB library the module is linked with.")
+    py::class_<UsbBackend>(m, "USBBackend", "The USB library the module loaded: libusb-1.0, its version and file.")
         .def_property_readonly("name", [](const UsbBackend&) { return "libusb-1.0"; })
         .def_readonly("version", &UsbBackend::version)
-        .def("__repr__", [](const UsbBackend& b) { return "<USBBackend libusb-1.0 " + b.version + ">"; });
-    m.def("getLibUSB1", [] { return UsbBackend{}; }, "The USB backend: the libusb-1.0 linked into the module.");
+        .def_readonly("path", &UsbBackend::path)
+        .def("__repr__",
+             [](const UsbBackend& b) { return "<USBBackend libusb-1.0 " + b.version + " from " + b.path + ">"; });
+    m.def(
+        "getLibUSB1",
+        []() -> py::object {
+            std::vector<std::string> tried;
+            const transport::Libusb* api = findLibusb(tried);
+            if (!api) return py::none();
+            return py::cast(UsbBackend{transport::libusbVersion(), api->path});
+        },
+        "The USB backend: the libusb-1.0 loaded from beside the module, from ../ext_lib, the system's own, or "
+        "the libusb-package wheel's, in that order; None when none can be loaded.");
 
     py::class_<UsbDeviceInfo>(m, "USBDeviceHandle", "Descriptor fields and bus position of a matched unit.")
         .def_readonly("idVendor", &UsbDeviceInfo::vendor)
@@ -90,6 +157,7 @@ void bindUsbClient(py::module_& m) {
     py::class_<UsbClient, transport::Client, std::shared_ptr<UsbClient>>(
         m, "USBClient", py::dynamic_attr(), "USB transport to the unit with a given serial number.")
         .def(py::init([](const std::string& serial_num) {
+                 requireLibusb();
                  py::gil_scoped_release nogil;
                  return std::shared_ptr<UsbClient>(new UsbClient(serial_num), deleteWithoutGil);
              }),

@@ -1,0 +1,74 @@
+"""Where the module finds libusb-1.0: loaded at first USB use from beside the module, its
+../ext_lib, the system's own, then the libusb-package wheel; never by the import alone."""
+import os
+import shutil
+import subprocess
+import sys
+import textwrap
+
+import pytest
+
+import pytorvik
+
+
+def mapped_files():
+    with open("/proc/self/maps") as maps:
+        return {line.split(None, 5)[5].strip() for line in maps if len(line.split(None, 5)) == 6}
+
+
+@pytest.fixture(scope="module")
+def system_libusb():
+    backend = pytorvik.getLibUSB1()
+    if backend is None:
+        pytest.skip("no libusb-1.0 on this machine")
+    return backend
+
+
+@pytest.mark.skipif(not sys.platform.startswith("linux"), reason="reads /proc/self/maps")
+def test_getLibUSB1_reports_the_file_in_use(system_libusb):
+    b = system_libusb
+    assert b.name == "libusb-1.0" and os.path.isfile(b.path)
+    assert os.path.realpath(b.path) in {os.path.realpath(f) for f in mapped_files() if f.startswith("/")}
+    assert len(b.version.split(".")) == 4 and all(p.isdigit() for p in b.version.split("."))
+    assert repr(b) == "<USBBackend libusb-1.0 %s from %s>" % (b.version, b.path)
+    assert pytorvik.getLibUSB1().path == b.path  # loaded once
+
+
+# A copy of the package in a directory of its own, run in a fresh interpreter, with a working
+# libusb (a copy of the system's), a file that is no library, or nothing at the two private places.
+@pytest.mark.skipif(not sys.platform.startswith("linux"), reason="reads /proc/self/maps")
+@pytest.mark.parametrize("beside, ext_lib, expect", [
+    ("lib", "lib", "beside"),
+    (None, "lib", "ext_lib"),
+    ("junk", "lib", "ext_lib"),
+    (None, None, "system"),
+])
+def test_search_order(tmp_path, system_libusb, beside, ext_lib, expect):
+    pkg = tmp_path / "site" / "pytorvik"
+    shutil.copytree(os.path.dirname(pytorvik.__file__), str(pkg), ignore=shutil.ignore_patterns("__pycache__"))
+    places = {"beside": pkg / "libusb-1.0.dll", "ext_lib": tmp_path / "site" / "ext_lib" / "libusb-1.0.dll"}
+    for where, what in (("beside", beside), ("ext_lib", ext_lib)):
+        if what == "lib":
+            places[where].parent.mkdir(exist_ok=True)
+            shutil.copyfile(os.path.realpath(system_libusb.path), str(places[where]))
+        elif what == "junk":
+            places[where].write_text("not a library\n")
+    script = textwrap.dedent("""
+        import pytorvik
+        def loaded():
+            return "libusb" in open("/proc/self/maps").read()
+        dev = pytorvik.TorvikLanLogic()  # a network handle needs no USB library
+        dev.close()
+        print(pytorvik.__file__, loaded())
+        print(pytorvik.getLibUSB1().path, loaded())
+    """)
+    env = dict(os.environ, PYTHONPATH=str(tmp_path / "site"))
+    out = subprocess.run([sys.executable, "-c", script], env=env, cwd=str(tmp_path), stdout=subprocess.PIPE,
+                         stderr=subprocess.PIPE, universal_newlines=True, timeout=60)
+    assert out.returncode == 0, out.stderr
+    (module_file, before), (path, after) = [line.rsplit(" ", 1) for line in out.stdout.split("\n")[-3:-1]]
+    assert module_file.startswith(str(pkg)) and (before, after) == ("False", "True")
+    if expect == "system":
+        assert os.path.realpath(path) == os.path.realpath(system_libusb.path)
+    else:
+        assert os.path.samefile(path, str(places[expect]))
