@@ -72,3 +72,47 @@ def test_search_order(tmp_path, system_libusb, beside, ext_lib, expect):
         assert os.path.realpath(path) == os.path.realpath(system_libusb.path)
     else:
         assert os.path.samefile(path, str(places[expect]))
+
+
+def can_hide_files():
+    if not sys.platform.startswith("linux") or os.geteuid() != 0 or shutil.which("unshare") is None:
+        return False
+    return subprocess.run(["unshare", "-m", "true"], stderr=subprocess.DEVNULL).returncode == 0
+
+
+# The system's libusb hidden in a mount namespace of the child's own: the libusb-package wheel's
+# copy is the last resort, and without it every USB entry fails saying what to install.
+@pytest.mark.skipif(not can_hide_files(), reason="needs root and unshare -m to hide the system's libusb")
+@pytest.mark.parametrize("wheel", [True, False])
+def test_without_the_system_library(tmp_path, system_libusb, wheel):
+    if wheel:
+        (tmp_path / "libusb_package").mkdir()
+        (tmp_path / "libusb_package" / "__init__.py").write_text("raise ImportError('never imported')\n")
+        shutil.copyfile(os.path.realpath(system_libusb.path), str(tmp_path / "libusb_package" / "libusb-1.0.so"))
+    script = textwrap.dedent("""
+        import pytorvik
+        backend = pytorvik.getLibUSB1()
+        print(backend.path if backend else None)
+        for entry in (lambda: pytorvik.Packet()._getAllUSBDevices(), lambda: pytorvik.USBClient("21JA1298")):
+            try:
+                print(entry())
+            except (pytorvik.USBError, pytorvik.Error) as e:
+                print(type(e).__name__, e.code, e)
+    """)
+    hide = 'mount --bind /dev/null "$1" && shift && exec "$@"'
+    env = dict(os.environ, PYTHONPATH=os.pathsep.join([str(tmp_path)] + sys.path[1:]))
+    out = subprocess.run(["unshare", "-m", "sh", "-c", hide, "sh", os.path.realpath(system_libusb.path),
+                          sys.executable, "-c", script], env=env, cwd=str(tmp_path), stdout=subprocess.PIPE,
+                         stderr=subprocess.PIPE, universal_newlines=True, timeout=60)
+    assert out.returncode == 0, out.stderr
+    lines = out.stdout.splitlines()
+    if wheel:
+        assert os.path.samefile(lines[0], str(tmp_path / "libusb_package" / "libusb-1.0.so"))
+        assert lines[1].startswith("[") and lines[2].startswith("USBConnectionError -8001 ")  # no unit, but a working libusb
+    else:
+        pkg_dir = os.path.dirname(pytorvik.__file__)
+        text = ("libusb-1.0 not found (looked in: {0}/libusb-1.0.dll, {0}/../ext_lib/libusb-1.0.dll, libusb-1.0.so.0 "
+                "(the system's search), the libusb-package wheel (not installed)); install it with your system's "
+                "package manager (Debian/Ubuntu: sudo apt-get install libusb-1.0-0) or pip install pytorvik[usb]"
+                ).format(pkg_dir)
+        assert lines == ["None"] + ["USBError -12 [Errno -12] " + text] * 2
