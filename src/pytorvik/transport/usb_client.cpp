@@ -20,11 +20,17 @@ struct UsbBackend {
     std::string version, path;
 };
 
+// The directory of a file, as the bytes the system knows it by (UTF-8 on Windows), so that any
+// name the interpreter could import from reaches the loader unchanged.
+std::string dirOf(py::handle file) {
+    py::object dir = py::module_::import("os.path").attr("dirname")(file);
+    return py::module_::import("os").attr("fsencode")(dir).cast<std::string>();
+}
+
 // The directory of the module's file; empty when it has none.
 std::string moduleDir() {
     py::object file = py::getattr(moduleObject(), "__file__", py::none());
-    if (!py::isinstance<py::str>(file)) return {};
-    return py::module_::import("os.path").attr("dirname")(file).cast<std::string>();
+    return py::isinstance<py::str>(file) ? dirOf(file) : std::string();
 }
 
 // The directory of the libusb-package wheel, found without importing it (its import costs much).
@@ -35,10 +41,11 @@ std::optional<std::string> libusbPackageDir() {
         py::object where = py::getattr(spec, "submodule_search_locations", py::none());
         if (!where.is_none())
             for (py::handle dir : where)
-                if (py::isinstance<py::str>(dir)) return dir.cast<std::string>();
+                if (py::isinstance<py::str>(dir))
+                    return py::module_::import("os").attr("fsencode")(dir).cast<std::string>();
         py::object origin = py::getattr(spec, "origin", py::none());
         if (!py::isinstance<py::str>(origin)) return std::nullopt;
-        return py::module_::import("os.path").attr("dirname")(origin).cast<std::string>();
+        return dirOf(origin);
     } catch (py::error_already_set& e) {
         if (!e.matches(PyExc_Exception)) throw;
         return std::nullopt;  // a sys.path entry that cannot be searched: as good as absent
