@@ -87,16 +87,14 @@ const Libusb& libusb() {
 
 std::string libusbSystemName() { return platform::sharedLibraryName("libusb-1.0", 0); }
 
-std::string libusbFileIn(const std::string& dir) {
-    return (std::filesystem::path(dir) / platform::sharedLibraryName("libusb-1.0")).string();
-}
+// Joined as text, not as filesystem paths: names stay UTF-8 on every system ('/' serves Windows too).
+std::string libusbFileIn(const std::string& dir) { return dir + "/" + platform::sharedLibraryName("libusb-1.0"); }
 
 std::vector<std::string> libusbCandidates(const std::string& module_dir) {
     std::vector<std::string> out;
     if (!module_dir.empty()) {
-        const std::filesystem::path dir(module_dir);
-        out.push_back((dir / "libusb-1.0.dll").string());
-        out.push_back((dir / ".." / "ext_lib" / "libusb-1.0.dll").string());
+        out.push_back(module_dir + "/libusb-1.0.dll");
+        out.push_back(module_dir + "/../ext_lib/libusb-1.0.dll");
     }
     out.push_back(libusbSystemName());
     return out;
