@@ -76,7 +76,7 @@ def usb_host():
     if os.environ.get("TORVIK_SIM_USB") != "1" or not os.environ.get("TORVIK_SIM_CONTROL"):
         pytest.skip("USB tests need pytest to run on the emulated USB bus: "
                     "torvik-sim --usb-host -- python -m pytest ... (tools/run-tests.sh does this; "
-                    "torvik-sim needs umockdev at build time)")
+                    "and umockdev installed: apt-get install umockdev)")
     if not _usb_host:
         _usb_host.append(simctl.Sim.attach(os.environ["TORVIK_SIM_CONTROL"]))
     return _usb_host[0]
