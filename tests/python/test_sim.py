@@ -515,3 +515,37 @@ def test_child_mode_passes_sigterm_on():
             pass
         p.send_signal(signal.SIGTERM)
         assert p.wait(timeout=5) == 128 + signal.SIGTERM
+
+
+def can_hide_files():
+    if not sys.platform.startswith("linux") or os.geteuid() != 0:
+        return False
+    return subprocess.run(["unshare", "-m", "true"], stderr=subprocess.DEVNULL).returncode == 0
+
+
+def loaded_umockdev():
+    """The file of umockdev's library on this system, or None."""
+    for d in ("/usr/lib/x86_64-linux-gnu", "/usr/lib64", "/usr/lib"):
+        path = os.path.join(d, "libumockdev.so.0")
+        if os.path.exists(path):
+            return os.path.realpath(path)
+    return None
+
+
+# umockdev hidden in a mount namespace of the emulator's own: network units play on, and asking for
+# a USB unit ends with 77 (skip) and a message that says what to install.
+@pytest.mark.skipif(not can_hide_files() or loaded_umockdev() is None,
+                    reason="needs root, unshare -m and umockdev installed, to hide umockdev")
+@pytest.mark.parametrize("units, rc, message", [
+    (["--unit", "TorvikLanLogic@127.0.0.61:7007"], 0, ""),
+    (["--usb", "TorvikUsbSink"], 77, "torvik-sim: cannot play USB units: libumockdev.so.0 could not be loaded ("),
+])
+def test_without_umockdev(units, rc, message):
+    hide = 'mount --bind /dev/null "$1" && shift && exec "$@"'
+    out = subprocess.run(["unshare", "-m", "sh", "-c", hide, "sh", loaded_umockdev(), simctl.sim_binary()] + units +
+                         ["--", "true"], stdout=subprocess.PIPE, stderr=subprocess.PIPE, universal_newlines=True,
+                         timeout=30)
+    assert out.returncode == rc, out.stderr
+    assert out.stderr.startswith(message)
+    if message:
+        assert "install umockdev (Debian/Ubuntu: sudo apt-get install umockdev)" in out.stderr
