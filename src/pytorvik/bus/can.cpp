@@ -147,9 +147,15 @@ bool wrongInstance(const LazyList* d, PyObject* obj) {
     return true;
 }
 
+// A new reference to `o` (Py_NewRef and Py_XNewRef come with Python 3.10).
+PyObject* newRef(PyObject* o) {
+    Py_XINCREF(o);
+    return o;
+}
+
 PyObject* lazyGet(PyObject* self, PyObject* obj, PyObject*) {
     auto* d = reinterpret_cast<LazyList*>(self);
-    if (obj == nullptr) return Py_NewRef(self);
+    if (obj == nullptr) return newRef(self);
     if (wrongInstance(d, obj)) return nullptr;
     PyObject** slot = listSlot(d, obj);
     if (*slot == nullptr) {
@@ -171,7 +177,7 @@ PyObject* lazyGet(PyObject* self, PyObject* obj, PyObject*) {
         *slot = list;
         w->pending &= static_cast<std::uint8_t>(~bit);
     }
-    return Py_NewRef(*slot);
+    return newRef(*slot);
 }
 
 int lazySet(PyObject* self, PyObject* obj, PyObject* value) {
@@ -186,7 +192,7 @@ int lazySet(PyObject* self, PyObject* obj, PyObject* value) {
     }
     w->pending &= static_cast<std::uint8_t>(~bit);
     PyObject* old = *slot;
-    *slot = Py_XNewRef(value);
+    *slot = newRef(value);
     Py_XDECREF(old);
     return 0;
 }
@@ -226,7 +232,7 @@ void installLazyLists(PyTypeObject* frame_type, const py::object (&names)[6], Py
         if (d == nullptr) throw py::error_already_set();
         d->index = i - 3;
         d->offset = offsets[i];
-        d->name = Py_NewRef(names[i].ptr());
+        d->name = newRef(names[i].ptr());
         py::object owner = py::reinterpret_steal<py::object>(reinterpret_cast<PyObject*>(d));
         if (PyObject_SetAttr(reinterpret_cast<PyObject*>(frame_type), names[i].ptr(), owner.ptr()) < 0)
             throw py::error_already_set();
