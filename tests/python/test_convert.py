@@ -99,7 +99,7 @@ def test_index_and_bit_lists():
 
 @pytest.mark.parametrize("args,out", [
     (([-1, 0, 5],), [0, 0, 1]), (([True, False],), [1, 0]), (([1, 2.5],), [1.0, 1.0]),
-    (([1, 2], 0.5, 1.5), [1.0, 1.5]), (([3, -3], 5, 1), [1, 1]), (([],), []),
+    (([1, 2], 0.5, 1.5), [1.0, 1.5]), (([3, -3], 5, 1), [1, 1]), (([],), []), (([True, 2],), [1, 1]),
 ])
 def test_coerce(args, out):
     got = t.coerce(*args)
@@ -109,7 +109,7 @@ def test_coerce(args, out):
 @pytest.mark.parametrize("args,out", [
     (([1, 2, 3],), [1, 2, 3, 0, 0, 0, 0, 0]), (([1, 2], 4, 1), [0, 1, 2, 0, 0]),
     ((list(range(9)),), list(range(8))), (([0.5],), [0.5] + [0.0] * 7), (([],), [0.0] * 8),
-    (([1, 2, 3], 2), [1, 2]),
+    (([1, 2, 3], 2), [1, 2]), (([True, 2], 3), [1, 2, 0]), (([True, False], 3), [True, False, False]),
 ])
 def test_adjust_data_list(args, out):
     got = t.adjustDataList(*args)

@@ -85,10 +85,23 @@ Kind kindOf(const py::list& items) {
     return any_float ? Kind::Float : all_bool ? Kind::Bool : Kind::Int;
 }
 
+// operator.index(o) as a plain int: before Python 3.10 PyNumber_Index hands an int subclass (a
+// bool) back as it is, and a result must not depend on the interpreter.
+py::object exactIndex(py::handle o) {
+    PyObject* r = PyNumber_Index(o.ptr());
+    if (r != nullptr && !PyLong_CheckExact(r)) {
+        PyObject* exact = PyNumber_Long(r);
+        Py_DECREF(r);
+        r = exact;
+    }
+    if (r == nullptr) throw py::error_already_set();
+    return py::reinterpret_steal<py::object>(r);
+}
+
 py::object castTo(Kind kind, py::handle o) {
     switch (kind) {
         case Kind::Bool: return py::bool_(py::reinterpret_borrow<py::object>(o));
-        case Kind::Int: return py::reinterpret_steal<py::object>(PyNumber_Index(o.ptr()));
+        case Kind::Int: return exactIndex(o);
         case Kind::Float: return py::float_(asDouble(o));
     }
     return py::none();
@@ -133,7 +146,7 @@ py::list intToBinaryList(py::handle value_int, py::handle width) {
     if (PyFloat_Check(width.ptr()))
         min_len = static_cast<Py_ssize_t>(std::max(0.0, std::ceil(std::min(PyFloat_AsDouble(width.ptr()), 1e12))));
     else
-        min_len = std::max<Py_ssize_t>(0, py::cast<Py_ssize_t>(py::reinterpret_steal<py::object>(PyNumber_Index(width.ptr()))));
+        min_len = std::max<Py_ssize_t>(0, py::cast<Py_ssize_t>(exactIndex(width)));
     std::size_t nbits = py::cast<std::size_t>(value.attr("bit_length")());
     std::string le;  // value's bytes, least significant first
     if (nbits <= 64) {
