@@ -40,6 +40,9 @@ py::list packetsToList(const std::vector<wire::Packet>& packets);
 // Needs the GIL.
 py::object exceptionObject(std::exception_ptr failure);
 
+// Starts a threading.Thread running target(*args), named "Thread-N (target)" on every Python.
+py::object startNamedThread(py::handle target, py::tuple args = py::tuple());
+
 // The module's error or warning class of that name (a borrowed reference kept for the process).
 py::handle errorClass(std::string_view name);
 // Raises an instance of the named class built with no argument (its own code and text), or with

@@ -69,7 +69,7 @@ def test_class_and_fields(make_logger):
     assert type(lg).__mro__[1] is not type(lg)
     assert lg.killed is False and lg.queue_timeout == 999999
     assert isinstance(lg.save_data_thread, threading.Thread) and not lg.save_data_thread.daemon
-    assert lg.save_data_thread.is_alive()
+    assert lg.save_data_thread.is_alive() and lg.save_data_thread.name.endswith(" (_saveStreamingDataThread)")
     assert lg.save_data_lock.locked()
 
 

@@ -1,4 +1,5 @@
 """Life cycle of the network device bases against the emulator: gates, threads, printed lines."""
+import re
 import threading
 import time
 
@@ -31,6 +32,29 @@ def test_composition_fields_threads_and_gates(make_dev):
         free.release()
     with pytest.raises(KeyError):
         dev._getDeviceName()
+
+
+# Every thread is named as threading names a thread with a target from Python 3.10 on, on older
+# interpreters too.
+@pytest.mark.parametrize("handle,bodies", [
+    ("TorvikAirAnalog", {"recv_cmd_thread": "_recvCMDThread", "recv_data_thread": "_recvDataThread",
+                         "ai_stream_thread": "_AIStreamThread"}),
+    ("TorvikUsbCan", {"recv_cmd_thread": "_recvCMDThread", "uart_p1_stream_thread": "_UARTStreamThread",
+                      "uart_p2_stream_thread": "_UARTStreamThread", "can_stream_thread": "_CANStreamThread"}),
+    ("DeviceFinder", {"recv_udp_thread": "_recvUDPThread"}),
+])
+def test_threads_are_named_for_their_bodies(handle, bodies, capsys):
+    dev = getattr(pytorvik, handle)()
+    try:
+        names = {field: getattr(dev, field).name for field in bodies}
+    finally:
+        dev.close()
+    numbers = set()
+    for field, name in names.items():
+        m = re.fullmatch(r"Thread-(\d+) \((\w+)\)", name)
+        assert m and m.group(2) == bodies[field], name
+        numbers.add(m.group(1))
+    assert len(numbers) == len(names)
 
 
 def test_life_cycle_and_printed_lines(lan, make_dev, capsys):

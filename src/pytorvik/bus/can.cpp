@@ -490,10 +490,7 @@ void canInit(py::handle self, py::handle can_dict) {
     self.attr("_can_core_queue") = makeSignalQueue(12, w::QUEUE_SIZE_MAX, std::make_shared<FrameDecoder>());
     self.attr("can_killed") = false;
     self.attr("can_lock") = newGate(true);
-    py::object thread = py::module_::import("threading").attr("Thread")(py::arg("target") = self.attr("_CANStreamThread"),
-                                                                        py::arg("args") = py::make_tuple(self.attr("can_data_queue")));
-    thread.attr("start")();
-    self.attr("can_stream_thread") = thread;
+    self.attr("can_stream_thread") = startNamedThread(self.attr("_CANStreamThread"), py::make_tuple(self.attr("can_data_queue")));
     self.attr("can_frame_queue") = self.attr("_can_core_queue");
 }
 

@@ -184,12 +184,9 @@ void uartStreamThread(py::handle self, py::handle lock, py::handle data_queue, p
 
 py::object startWorker(py::handle self, int port) {
     const std::string n = std::to_string(port);
-    py::object thread = py::module_::import("threading").attr("Thread")(
-        py::arg("target") = self.attr("_UARTStreamThread"),
-        py::arg("args") = py::make_tuple(self.attr(("uart_p" + n + "_lock").c_str()), self.attr(("uart_p" + n + "_data_queue").c_str()),
-                                         self.attr(("uart_p" + n + "_signal_queue").c_str())));
-    thread.attr("start")();
-    return thread;
+    return startNamedThread(self.attr("_UARTStreamThread"),
+                            py::make_tuple(self.attr(("uart_p" + n + "_lock").c_str()), self.attr(("uart_p" + n + "_data_queue").c_str()),
+                                           self.attr(("uart_p" + n + "_signal_queue").c_str())));
 }
 
 void uartInit(py::handle self, py::handle uart_dict) {

@@ -38,11 +38,7 @@ void say(py::handle self, const char* head, py::object middle, const char* tail 
     py::print(line + deviceName(self) + py::str(tail));
 }
 
-py::object startThread(py::handle self, const char* body) {
-    py::object thread = py::module_::import("threading").attr("Thread")(py::arg("target") = self.attr(body));
-    thread.attr("start")();
-    return thread;
-}
+py::object startThread(py::handle self, const char* body) { return startNamedThread(self.attr(body)); }
 
 // Client fields whose value the receive thread must see: kept on the instance and mirrored
 // into the engine slot the thread reads.
@@ -345,6 +341,19 @@ const char* commandTypeName(device::CommandType t) {
 }
 
 }  // namespace
+
+py::object startNamedThread(py::handle target, py::tuple args) {
+    py::module_ threading = py::module_::import("threading");
+#if PY_VERSION_HEX >= 0x030A0000
+    py::object thread = threading.attr("Thread")(py::arg("target") = target, py::arg("args") = args);
+#else
+    // Python 3.10 and later name a thread "Thread-N (target)"; give older ones the same name.
+    py::str name = py::str("{} ({})").format(threading.attr("_newname")("Thread-%d"), target.attr("__name__"));
+    py::object thread = threading.attr("Thread")(py::arg("target") = target, py::arg("args") = args, py::arg("name") = name);
+#endif
+    thread.attr("start")();
+    return thread;
+}
 
 HandleCore& coreOf(py::handle self) { return py::cast<HandleCore&>(self.attr("_core")); }
 

@@ -4,6 +4,7 @@
 // writer, whose bytes are the standard ones by construction.
 #include <chrono>
 
+#include "bindings.hpp"
 #include "device/device_binding.hpp"
 #include "pyclass.hpp"
 #include "services/modules.hpp"
@@ -45,10 +46,7 @@ void init(py::handle self) {
     self.attr("killed") = false;
     self.attr("save_data_lock") = newGate(true);
     self.attr("save_data_queue") = py::cast(std::make_shared<device::StreamQueue>());
-    py::object thread = py::module_::import("threading").attr("Thread")(
-        py::arg("target") = self.attr("_saveStreamingDataThread"), py::arg("args") = py::make_tuple(self.attr("save_data_queue")));
-    thread.attr("start")();
-    self.attr("save_data_thread") = thread;
+    self.attr("save_data_thread") = startNamedThread(self.attr("_saveStreamingDataThread"), py::make_tuple(self.attr("save_data_queue")));
     self.attr("queue_timeout") = kQueueTimeout;
 }
 

@@ -190,10 +190,7 @@ void aiInit(py::handle self, py::handle ai_dict, py::handle ai_max_rate, py::han
     self.attr("_ai_core") = py::cast(core);
     self.attr("ai_killed") = false;
     self.attr("ai_lock") = newGate(true);
-    py::object thread = py::module_::import("threading").attr("Thread")(
-        py::arg("target") = self.attr("_AIStreamThread"), py::arg("args") = py::make_tuple(self.attr("ai_data_queue")));
-    thread.attr("start")();
-    self.attr("ai_stream_thread") = thread;
+    self.attr("ai_stream_thread") = startNamedThread(self.attr("_AIStreamThread"), py::make_tuple(self.attr("ai_data_queue")));
     self.attr("ai_signal_queue") = core->signal_queue;
 }
 
