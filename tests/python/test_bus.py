@@ -67,7 +67,7 @@ def run(coro):
 IDLE_PORT = {t.GET_PIN_MODE_OF_SLOT: [0, 8, 0x11, 0x11, 0x11, 0x11]}
 
 CASES = [
-    ("I2C_open_async", (1,), IDLE_PORT | {t.OPEN_I2C: [1, 0]}, [(t.GET_PIN_MODE_OF_SLOT, [2]), (t.OPEN_I2C, [1])], 0),
+    ("I2C_open_async", (1,), {**IDLE_PORT, t.OPEN_I2C: [1, 0]}, [(t.GET_PIN_MODE_OF_SLOT, [2]), (t.OPEN_I2C, [1])], 0),
     ("I2C_open_async", (2,), {t.GET_PIN_MODE_OF_SLOT: [3, 8, 0x51, 0x11, 0x11, 0x11]}, [(t.GET_PIN_MODE_OF_SLOT, [3])],
      t.I2CPortNotAvaliableError),
     ("I2C_close_async", (1,), {t.CLOSE_I2C: [1, 5]}, [(t.CLOSE_I2C, [1])], -7005),
@@ -78,7 +78,7 @@ CASES = [
     ("I2C_setClockRate_async", (1, 3), {t.SET_I2C_FREQUENCY: [1, 0]}, [(t.SET_I2C_FREQUENCY, [1, 0x00, 0x33, 0xE1, 0x40])], 0),
     ("I2C_setClockRate_async", (1, True), {t.SET_I2C_FREQUENCY: [1, 0]}, [(t.SET_I2C_FREQUENCY, [1, 0, 6, 0x1A, 0x80])], 0),
     ("I2C_setAddressSize_async", (2, 1), {t.SET_I2C_ADDR_SIZE: [2, 0]}, [(t.SET_I2C_ADDR_SIZE, [2, 1])], 0),
-    ("SPI_open_async", (1,), IDLE_PORT | {t.OPEN_SPI: [1, 0]}, [(t.GET_PIN_MODE_OF_SLOT, [2]), (t.OPEN_SPI, [1])], 0),
+    ("SPI_open_async", (1,), {**IDLE_PORT, t.OPEN_SPI: [1, 0]}, [(t.GET_PIN_MODE_OF_SLOT, [2]), (t.OPEN_SPI, [1])], 0),
     ("SPI_read_async", (2, 3), {t.READ_SPI: [2, 0, 7, 8, 9]}, [(t.READ_SPI, [2, 3])], [7, 8, 9]),
     ("SPI_write_async", (2, [1, 2, 3]), {t.WRITE_SPI: [2, 9, 0]}, [(t.WRITE_SPI, [2, 3, 1, 2, 3])], 0),
     ("SPI_readAndWrite_async", (2, [1, 2, 3]), {t.READ_AND_WRITE_SPI: [2, 0, 4, 5, 6, 7]},
