@@ -33,7 +33,9 @@ def test_stubtest(tmp_path):
     # Compiled classes have the binding's metaclass, which no stub can name.
     compiled = [n for n, v in vars(pytorvik).items() if isinstance(v, type) and type(v) is not type]
     allow = tmp_path / "allow.txt"
-    allow.write_text("".join("pytorvik.%s\n" % n for n in compiled))
+    # Before 3.9 typing.NamedTuple is a class whose run-time signature differs from typeshed's, and
+    # stubtest checks it where the emulator's driver imports it.
+    allow.write_text("".join("pytorvik.%s\n" % n for n in compiled) + "pytorvik\\.simctl\\.NamedTuple\\..*\n")
     env = dict(os.environ, PYTHONPATH=os.path.dirname(os.path.dirname(pytorvik.__file__)))
     r = subprocess.run([sys.executable, "-m", "mypy.stubtest", "pytorvik", "--concise", "--allowlist", str(allow),
                         "--ignore-unused-allowlist"], cwd=tmp_path, env=env, capture_output=True, text=True, timeout=300)
