@@ -2,7 +2,9 @@
 import asyncio
 import collections.abc
 import queue
+import subprocess
 import sys
+import textwrap
 import time
 
 import pytest
@@ -101,6 +103,37 @@ def test_time_out_is_the_loops_own_error(dev, unit, num_retries, timeout, sends,
     assert abs(time.monotonic() - start - waited) < 0.25
     assert str(info.value) == "" and type(info.value) is asyncio.TimeoutError
     assert len(unit.log(t.GET_IP)) == sends
+
+
+# asyncio costs several times what the module does to import, so the module imports it when an
+# operation first needs it; in a process that imported pytorvik first, everything works the same.
+LATE_ASYNCIO = textwrap.dedent("""
+    import collections.abc, sys
+    import pytorvik
+    assert "asyncio" not in sys.modules, "import pytorvik imported asyncio"
+    dev = pytorvik.TorvikLanAnalog()
+    try:
+        dev.connect(sys.argv[1], port=int(sys.argv[2]), verbose=False)
+        op = dev._echoPacketWithRetry_async(pytorvik.GET_IP, [7])
+        assert isinstance(op, collections.abc.Coroutine) and "asyncio" not in sys.modules
+        import asyncio
+        assert asyncio.run(op) == b"\\x07\\x00"
+        try:
+            asyncio.run(dev._echoPacketWithRetry_async(pytorvik.GET_MAC, [], num_retries=0, timeout=0.05))
+        except asyncio.TimeoutError as e:
+            print("raised", type(e).__module__, type(e).__name__)
+    finally:
+        dev.close()
+""")
+
+
+def test_asyncio_is_imported_when_first_needed(unit):
+    unit.no_reply(t.GET_MAC)
+    r = subprocess.run([sys.executable, "-c", LATE_ASYNCIO, unit.addr, str(unit.cmd_port)], capture_output=True,
+                       text=True, timeout=60)
+    assert r.returncode == 0, r.stderr
+    raised = [line.split()[1:] for line in r.stdout.splitlines() if line.startswith("raised ")]
+    assert raised == [[asyncio.TimeoutError.__module__, asyncio.TimeoutError.__name__]]
 
 
 def test_final_wait_of_zero_takes_a_reply_already_there(dev):

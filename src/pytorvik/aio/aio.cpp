@@ -16,14 +16,26 @@ namespace {
 // Python objects used on every wait, looked up once. Leaked on purpose: threads may still use
 // them while the interpreter shuts down.
 struct Cached {
-    py::object get_running_loop;
+    py::object get_running_loop;      // asyncio's three: null until asyncio() has run
     py::object running_loop_or_none;  // asyncio._get_running_loop
-    py::object timeout_error;        // asyncio.TimeoutError
+    py::object timeout_error;         // asyncio.TimeoutError
     py::object timed_out;            // sentinel result of a future whose time limit ran out
     py::object resolve;              // f(fut, value): set_result unless done
     py::object stop_iteration;
 };
 Cached* g = nullptr;
+
+// asyncio's parts, imported on first use: asyncio takes several times as long to import as the
+// whole module does, and a loop can run only after a script imported asyncio itself.
+const Cached& asyncio() {
+    if (!g->timeout_error) {
+        py::module_ mod = py::module_::import("asyncio");
+        g->get_running_loop = mod.attr("get_running_loop");
+        g->running_loop_or_none = mod.attr("_get_running_loop");
+        g->timeout_error = mod.attr("TimeoutError");  // last: it marks the others as set
+    }
+    return *g;
+}
 
 [[noreturn]] void raiseInstance(const py::object& exc) {
     PyErr_SetObject(reinterpret_cast<PyObject*>(Py_TYPE(exc.ptr())), exc.ptr());
@@ -211,9 +223,9 @@ void Yield::await_resume() {
     if (op->thrown) raiseInstance(std::exchange(op->thrown, py::object()));
 }
 
-py::object runningLoop() { return g->get_running_loop(); }
+py::object runningLoop() { return asyncio().get_running_loop(); }
 
-void raiseLoopTimeout() { raiseInstance(g->timeout_error()); }
+void raiseLoopTimeout() { raiseInstance(asyncio().timeout_error()); }
 
 Co<> sleep(double seconds) {
     if (!(seconds > 0)) {
@@ -258,7 +270,18 @@ Co<> awaitReply(std::shared_ptr<device::EchoPool> pool, std::uint32_t code, std:
     }
 }
 
-py::object currentLoop() { return g->running_loop_or_none(); }
+py::object currentLoop() {
+    if (!g->timeout_error) {
+        // Without asyncio imported no loop runs: asking must not import it.
+        PyObject* loaded = PyImport_GetModule(py::str("asyncio").ptr());
+        if (loaded == nullptr) {
+            if (PyErr_Occurred()) throw py::error_already_set();
+            return py::none();
+        }
+        Py_DECREF(loaded);
+    }
+    return asyncio().running_loop_or_none();
+}
 
 Co<> awaitCompletion(const py::object& loop, const std::function<void(Finished)>& start) {
     struct State {
@@ -384,10 +407,6 @@ PySendResult sendSlot(PyObject* self, PyObject* value, PyObject** result) {
 
 void bindAio(py::module_& m) {
     g = new Cached();
-    py::module_ asyncio = py::module_::import("asyncio");
-    g->get_running_loop = asyncio.attr("get_running_loop");
-    g->running_loop_or_none = asyncio.attr("_get_running_loop");
-    g->timeout_error = asyncio.attr("TimeoutError");
     g->timed_out = py::module_::import("builtins").attr("object")();
     g->stop_iteration = py::reinterpret_borrow<py::object>(PyExc_StopIteration);
     g->resolve = py::cpp_function([](py::handle fut, py::handle value) {
