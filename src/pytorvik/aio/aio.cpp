@@ -424,7 +424,9 @@ void bindAio(py::module_& m) {
     auto* type = reinterpret_cast<PyTypeObject*>(m.attr("Operation").ptr());
     if (type->tp_as_async != nullptr) type->tp_as_async->am_send = &sendSlot;
 #endif
-    py::module_::import("collections.abc").attr("Coroutine").attr("register")(m.attr("Operation"));
+    // collections.abc's classes live in _collections_abc, which every interpreter has loaded at
+    // start; the collections package itself would cost the import a few milliseconds.
+    py::module_::import("_collections_abc").attr("Coroutine").attr("register")(m.attr("Operation"));
 }
 
 }  // namespace torvik::py_binding::aio

@@ -286,7 +286,7 @@ void bindPools(py::module_& m) {
         .def("__repr__", [](const device::BytesSet& s) {
             return s.size() == 0 ? std::string("set()") : py::repr(answerSet(s)).cast<std::string>();
         });
-    py::module_::import("collections.abc").attr("Set").attr("register")(m.attr("AnswerSet"));
+    py::module_::import("_collections_abc").attr("Set").attr("register")(m.attr("AnswerSet"));  // collections.abc.Set
 
     py::class_<BcstView>(m, "BroadcastPool", "Answer sets by command code; a set is made on first access.")
         .def("__getitem__", [](const BcstView& v, py::handle key) { return v.pool->at(requireCode(key)); })
