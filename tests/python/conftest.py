@@ -82,6 +82,12 @@ def usb_host():
     return _usb_host[0]
 
 
+def pytest_sessionfinish(session, exitstatus):
+    # Lets go of the control connection; the emulator itself runs on (it is pytest's parent).
+    for sim in _usb_host:
+        sim.stop()
+
+
 def listed_serials():
     """Serial numbers this process's libusb lists now, in enumeration order."""
     import pytorvik
