@@ -42,7 +42,10 @@ std::optional<std::uint32_t> parseIPv4(std::string_view text) {
             const int d = hexValue(at(i));
             if (d < 0 || static_cast<unsigned>(d) >= base) break;
             value = value * base + static_cast<unsigned>(d);
-            if (value > 0xFFFFFFFFu) overflow = true, value = 0xFFFFFFFFu + 1ull;
+            if (value > 0xFFFFFFFFu) {  // keep reading the part's digits, at a bounded value
+                overflow = true;
+                value = 0x100000000ull;
+            }
         }
         if (overflow) return std::nullopt;
         if (at(i) != '.') break;
