@@ -68,6 +68,16 @@ TEST(PlatformSocket, WaitEndsByDataByTimeLimitAndByCancelWhichWins) {
     EXPECT_EQ(pf::waitReadable(p.a, cancel, std::nullopt, false), pf::WaitResult::Cancelled);  // though readable
 }
 
+TEST(PlatformSocket, AnUnboundDatagramSocketHasNothingToReadButItsWaitStillEnds) {
+    // A UDP client whose bind failed keeps its socket, and its receive thread waits on it.
+    pf::NativeSocket u = pf::openSocket(pf::SocketKind::Datagram);
+    pf::WakeSignal cancel;
+    EXPECT_EQ(pf::waitReadable(u, cancel, 0.02, false), pf::WaitResult::TimedOut);
+    cancel.raise();
+    EXPECT_EQ(pf::waitReadable(u, cancel, std::nullopt, false), pf::WaitResult::Cancelled);
+    pf::closeSocket(u);
+}
+
 TEST(PlatformSocket, ADrainedSignalWaitsForTheNextRaise) {
     pf::WakeSignal s, never;
     ASSERT_TRUE(s.valid());

@@ -239,13 +239,19 @@ void WakeSignal::drain() noexcept {
 }
 
 WaitResult waitReadable(NativeSocket s, const WakeSignal& cancel, std::optional<double> timeout, bool cancel_only) {
-    fd_set r;
-    FD_ZERO(&r);
-    FD_SET(cancel.handle(), &r);
-    if (!cancel_only) FD_SET(s, &r);
     timeval tv{};
     if (timeout && !cancel_only) tv = toTimeval(*timeout);
-    const int rc = ::select(0, &r, nullptr, nullptr, timeout && !cancel_only ? &tv : nullptr);
+    auto wait = [&](bool watch_socket, fd_set& r) {
+        FD_ZERO(&r);
+        FD_SET(cancel.handle(), &r);
+        if (watch_socket) FD_SET(s, &r);
+        return ::select(0, &r, nullptr, nullptr, timeout && !cancel_only ? &tv : nullptr);
+    };
+    fd_set r;
+    int rc = wait(!cancel_only, r);
+    // Winsock refuses to select on a datagram socket that is not bound (a bind that failed): such
+    // a socket never has anything to read, as Linux's poll sees it, so wait for the rest alone.
+    if (rc < 0 && !cancel_only && ::WSAGetLastError() == WSAEINVAL) rc = wait(false, r);
     if (rc < 0) return WaitResult::Failed;
     if (FD_ISSET(cancel.handle(), &r)) return WaitResult::Cancelled;
     return rc == 0 ? WaitResult::TimedOut : WaitResult::Readable;
