@@ -1,90 +1,63 @@
 #include "transport/network_client.hpp"
 
-#include <arpa/inet.h>
-#include <fcntl.h>
-#include <netdb.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/eventfd.h>
-#include <sys/ioctl.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
-#include <climits>
-#include <cmath>
-#include <cstring>
 
 #include "wire/commands.hpp"
+#include "wire/ipv4.hpp"
 
 namespace torvik::transport {
 
+namespace pf = platform;
+
 namespace {
 
-[[noreturn]] void throwErrno(const char* op) {
-    int err = errno;
-    throw SocketError(err, std::string(op) + ": " + std::strerror(err));
+[[noreturn]] void throwSocketError(const char* op, int err) {
+    throw SocketError(err, std::string(op) + ": " + pf::socketErrorText(err));
 }
 
-int toPollTimeout(std::optional<double> seconds) {
-    if (!seconds) return -1;
-    double ms = std::ceil(*seconds * 1000.0);
-    return ms >= INT_MAX ? INT_MAX : ms <= 0 ? 0 : static_cast<int>(ms);
-}
+[[noreturn]] void throwLastError(const char* op) { throwSocketError(op, pf::lastSocketError()); }
 
-sockaddr_in makeAddress(const std::string& host, int port, const char* op) {
+void checkPort(int port, const char* op) {
     if (port < 0 || port > 65535) throw BadPort(std::string(op) + "(): port must be 0-65535.");
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(static_cast<std::uint16_t>(port));
-    addr.sin_addr.s_addr = htonl(resolveIPv4(host));
-    return addr;
 }
+
+// Closes a socket of one send when the send is done, whichever way it ends.
+struct ScopedSocket {
+    pf::NativeSocket s;
+    ~ScopedSocket() { pf::closeSocket(s); }
+};
 
 }  // namespace
 
 std::uint32_t resolveIPv4(const std::string& host) {
-    if (host.empty()) return INADDR_ANY;
-    if (host == "<broadcast>") return INADDR_BROADCAST;
-    in_addr a{};
-    if (inet_aton(host.c_str(), &a) != 0) return ntohl(a.s_addr);
-    addrinfo hints{};
-    hints.ai_family = AF_INET;
-    addrinfo* res = nullptr;
-    int rc = getaddrinfo(host.c_str(), nullptr, &hints, &res);
-    if (rc != 0) throw ResolveError(rc, gai_strerror(rc));
-    std::uint32_t ip = ntohl(reinterpret_cast<sockaddr_in*>(res->ai_addr)->sin_addr.s_addr);
-    freeaddrinfo(res);
-    return ip;
+    if (host.empty()) return 0;                     // any address
+    if (host == "<broadcast>") return 0xFFFFFFFFu;  // the limited broadcast address
+    if (auto ip = wire::parseIPv4(host)) return *ip;
+    std::vector<std::uint32_t> ips;
+    const int rc = pf::resolveIPv4All(host, ips);
+    if (rc != 0) throw ResolveError(rc, pf::resolverErrorText(rc));
+    return ips.front();
 }
 
-SocketHandle::SocketHandle(int domain, int type, int protocol) : stream_(type == SOCK_STREAM) {
-    fd_ = ::socket(domain, type | SOCK_CLOEXEC, protocol);
-    if (fd_ < 0) throwErrno("socket");
-    cancel_fd_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (cancel_fd_ < 0) {
-        int err = errno;
-        ::close(fd_);
-        errno = err;
-        throwErrno("eventfd");
+SocketHandle::SocketHandle(pf::SocketKind kind) : stream_(kind == pf::SocketKind::Stream) {
+    fd_ = pf::openSocket(kind);
+    if (fd_ == pf::kInvalidSocket) throwLastError("socket");
+    cancel_.emplace();
+    if (!cancel_->valid()) {
+        const int err = pf::lastSocketError();
+        pf::closeSocket(fd_);
+        throwSocketError("eventfd", err);
     }
 }
 
-SocketHandle::~SocketHandle() {
-    ::close(fd_);
-    ::close(cancel_fd_);
-}
+SocketHandle::~SocketHandle() { pf::closeSocket(fd_); }
 
-void SocketHandle::cancel() {
-    std::uint64_t one = 1;
-    [[maybe_unused]] ssize_t n = ::write(cancel_fd_, &one, sizeof one);
-}
+void SocketHandle::cancel() { cancel_->raise(); }
 
 void SocketHandle::setWakeThreshold(int bytes) {
     if (bytes == threshold_) return;
     // A failure leaves the threshold as it was: a raised one still ends each wait by its window.
-    if (::setsockopt(fd_, SOL_SOCKET, SO_RCVLOWAT, &bytes, sizeof bytes) == 0) threshold_ = bytes;
+    if (pf::setReceiveLowWater(fd_, bytes)) threshold_ = bytes;
 }
 
 void SocketHandle::stopBatching() {
@@ -93,22 +66,21 @@ void SocketHandle::stopBatching() {
     if (!batching_.exchange(false)) return;
     // One byte more than is there: a reader that waits is woken by the next arrival, not at
     // once for the stream data that gathered.
-    int queued = 0;
-    if (::ioctl(fd_, FIONREAD, &queued) != 0) queued = 0;
-    setWakeThreshold(queued + 1);
+    setWakeThreshold(pf::queuedBytes(fd_) + 1);
 }
 
 SocketHandle::Wait SocketHandle::waitFor(std::optional<double> timeout, bool park) {
-    pollfd fds[2] = {{cancel_fd_, POLLIN, 0}, {fd_, POLLIN, 0}};
-    for (;;) {
-        int rc = ::poll(fds, park ? 1 : 2, park ? -1 : toPollTimeout(timeout));
-        if (rc < 0) {
-            if (errno == EINTR) continue;
-            throwErrno("poll");
-        }
-        if (fds[0].revents) return Wait::Cancelled;  // the value stays set, so every wait ends
-        return rc == 0 ? Wait::TimedOut : Wait::Readable;
+    switch (pf::waitReadable(fd_, *cancel_, timeout, park)) {
+        case pf::WaitResult::Cancelled:
+            return Wait::Cancelled;  // the signal stays raised, so every wait ends
+        case pf::WaitResult::TimedOut:
+            return Wait::TimedOut;
+        case pf::WaitResult::Readable:
+            return Wait::Readable;
+        case pf::WaitResult::Failed:
+            break;
     }
+    throwLastError("poll");
 }
 
 bool SocketHandle::waitReadable(std::optional<double> timeout, bool park_when_ended) {
@@ -134,8 +106,8 @@ std::shared_ptr<SocketHandle> NetworkClient::requireSocket(const char* op) const
     return sock_;
 }
 
-std::shared_ptr<SocketHandle> NetworkClient::newSocket(int type, int protocol) {
-    auto sock = std::make_shared<SocketHandle>(AF_INET, type, protocol);
+std::shared_ptr<SocketHandle> NetworkClient::newSocket(pf::SocketKind kind) {
+    auto sock = std::make_shared<SocketHandle>(kind);
     std::lock_guard lock(mutex_);
     sock_ = sock;
     return sock;
@@ -160,17 +132,15 @@ std::vector<std::uint8_t> NetworkClient::recvPacket(std::size_t length, bool par
     const bool nonblocking = timeout && *timeout <= 0;
     if (!nonblocking && !sock->waitReadable(timeout, park_when_ended)) return {};
     std::vector<std::uint8_t> buf(length);
-    for (;;) {
-        ssize_t n = ::recv(sock->fd(), buf.data(), length, nonblocking ? MSG_DONTWAIT : 0);
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0) {
-            if (errno != EAGAIN && errno != EWOULDBLOCK) sock->ended = true;
-            throwErrno("recv");
-        }
-        if (n == 0 && length > 0 && sock->isStream()) sock->ended = true;  // a datagram may be empty
-        buf.resize(static_cast<std::size_t>(n));
-        return buf;
+    const long n = pf::receive(sock->fd(), buf.data(), length, !nonblocking);
+    if (n < 0) {
+        const int err = pf::lastSocketError();
+        if (!pf::isWouldBlock(err)) sock->ended = true;
+        throwSocketError("recv", err);
     }
+    if (n == 0 && length > 0 && sock->isStream()) sock->ended = true;  // a datagram may be empty
+    buf.resize(static_cast<std::size_t>(n));
+    return buf;
 }
 
 std::vector<wire::Packet> NetworkClient::recvAndSplitPacket(std::size_t length, bool park_when_ended) {
@@ -211,13 +181,12 @@ std::vector<wire::Packet> NetworkClient::receiveAndSplit(std::size_t length, con
     std::size_t have = 0;
     for (;;) {
         if (burst_.size() < have + step) burst_.resize(have + step);
-        const ssize_t n = ::recv(sock->fd(), burst_.data() + have, step, MSG_DONTWAIT);
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) break;
+        const long n = pf::receive(sock->fd(), burst_.data() + have, step, false);
         if (n < 0) {
-            if (have > 0) break;  // reported by the next read
+            const int err = pf::lastSocketError();
+            if (pf::isWouldBlock(err) || have > 0) break;  // an error is reported by the next read
             sock->ended = true;
-            throwErrno("recv");
+            throwSocketError("recv", err);
         }
         if (n == 0) {
             if (have == 0) sock->ended = true;
@@ -241,12 +210,7 @@ std::vector<wire::Packet> NetworkClient::receiveAndSplit(std::size_t length, con
 void NetworkClient::sendPacket(std::span<const std::uint8_t> bytes) {
     auto sock = requireSocket("send");
     sock->stopBatching();  // its reply must wake the reader at once
-    for (;;) {
-        ssize_t n = ::send(sock->fd(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0) throwErrno("send");
-        return;
-    }
+    if (pf::sendBytes(sock->fd(), bytes.data(), bytes.size()) < 0) throwLastError("send");
 }
 
 void NetworkClient::disconnect() {
@@ -254,39 +218,21 @@ void NetworkClient::disconnect() {
     // A reader leaves its wait even when the shutdown fails: it goes back to its gate, and the
     // socket stays as it is.
     sock->cancel();
-    if (::shutdown(sock->fd(), SHUT_RDWR) != 0) {
-        int err = errno;
-        throw ConnectionLost(std::string("shutdown: ") + std::strerror(err));
-    }
+    if (!pf::shutdownSocket(sock->fd(), pf::Shut::Both))
+        throw ConnectionLost("shutdown: " + pf::socketErrorText(pf::lastSocketError()));
     std::lock_guard lock(mutex_);
     if (sock_ == sock) sock_.reset();
 }
 
 bool TcpClient::connect(const std::string& host, int port) {
-    auto sock = newSocket(SOCK_STREAM, 0);
+    auto sock = newSocket(pf::SocketKind::Stream);
     setTimeout(static_cast<double>(wire::CONNECTION_TIMEOUT));
     try {
-        sockaddr_in addr = makeAddress(host, port, "connect");
-        const int fd = sock->fd();
-        int flags = ::fcntl(fd, F_GETFL);
-        ::fcntl(fd, F_SETFL, flags | O_NONBLOCK);
-        int rc = ::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
-        if (rc != 0 && errno != EINPROGRESS) throwErrno("connect");
-        if (rc != 0) {
-            pollfd p{fd, POLLOUT, 0};
-            int ready;
-            do ready = ::poll(&p, 1, static_cast<int>(wire::CONNECTION_TIMEOUT * 1000));
-            while (ready < 0 && errno == EINTR);
-            if (ready == 0) throw SocketError(ETIMEDOUT, "connect: timed out");
-            int err = 0;
-            socklen_t len = sizeof err;
-            ::getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &len);
-            if (err != 0) {
-                errno = err;
-                throwErrno("connect");
-            }
-        }
-        ::fcntl(fd, F_SETFL, flags);
+        checkPort(port, "connect");
+        const std::uint32_t ip = resolveIPv4(host);
+        const int err = pf::connectWithin(sock->fd(), ip, port, static_cast<int>(wire::CONNECTION_TIMEOUT * 1000));
+        if (err == pf::timedOutError()) throw SocketError(err, "connect: timed out");
+        if (err != 0) throwSocketError("connect", err);
     } catch (const SocketError& e) {
         throw ConnectFailed(e.what());
     } catch (const ResolveError& e) {
@@ -297,11 +243,11 @@ bool TcpClient::connect(const std::string& host, int port) {
 }
 
 bool UdpClient::bind(const std::string& host, int port) {
-    auto sock = newSocket(SOCK_DGRAM, 0);
+    auto sock = newSocket(pf::SocketKind::Datagram);
     setTimeout(std::nullopt);
     try {
-        sockaddr_in addr = makeAddress(host, port, "bind");
-        if (::bind(sock->fd(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) throwErrno("bind");
+        checkPort(port, "bind");
+        if (!pf::bindTo(sock->fd(), resolveIPv4(host), port)) throwLastError("bind");
     } catch (const SocketError& e) {
         throw ConnectFailed(e.what());
     } catch (const ResolveError& e) {
@@ -311,31 +257,17 @@ bool UdpClient::bind(const std::string& host, int port) {
 }
 
 void UdpClient::sendBcstPacket(std::span<const std::uint8_t> bytes) {
-    char name[HOST_NAME_MAX + 1] = {};
-    if (::gethostname(name, sizeof name - 1) != 0) throwErrno("gethostname");
-    addrinfo hints{};
-    hints.ai_family = AF_INET;
-    addrinfo* res = nullptr;
-    int rc = getaddrinfo(name, nullptr, &hints, &res);
-    if (rc != 0) throw ResolveError(rc, gai_strerror(rc));
-    std::vector<in_addr> ips;  // one per record, duplicates kept: each record sends once
-    for (addrinfo* ai = res; ai != nullptr; ai = ai->ai_next)
-        ips.push_back(reinterpret_cast<sockaddr_in*>(ai->ai_addr)->sin_addr);
-    freeaddrinfo(res);
-    sockaddr_in to{};
-    to.sin_family = AF_INET;
-    to.sin_port = htons(static_cast<std::uint16_t>(wire::UDP_SEND_PORT));
-    to.sin_addr.s_addr = htonl(INADDR_BROADCAST);
-    for (const in_addr& ip : ips) {
-        SocketHandle sock(AF_INET, SOCK_DGRAM, IPPROTO_UDP);
-        int one = 1;
-        if (::setsockopt(sock.fd(), SOL_SOCKET, SO_BROADCAST, &one, sizeof one) != 0) throwErrno("setsockopt");
-        sockaddr_in from{};
-        from.sin_family = AF_INET;
-        from.sin_addr = ip;
-        if (::bind(sock.fd(), reinterpret_cast<sockaddr*>(&from), sizeof from) != 0) throwErrno("bind");
-        if (::sendto(sock.fd(), bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to) < 0)
-            throwErrno("sendto");
+    const std::optional<std::string> name = pf::hostName();
+    if (!name) throwLastError("gethostname");
+    std::vector<std::uint32_t> ips;  // one per record, duplicates kept: each record sends once
+    const int rc = pf::resolveIPv4All(*name, ips);
+    if (rc != 0) throw ResolveError(rc, pf::resolverErrorText(rc));
+    for (const std::uint32_t ip : ips) {
+        ScopedSocket sock{pf::openSocket(pf::SocketKind::Datagram)};
+        if (sock.s == pf::kInvalidSocket) throwLastError("socket");
+        if (!pf::setBroadcast(sock.s)) throwLastError("setsockopt");
+        if (!pf::bindTo(sock.s, ip, 0)) throwLastError("bind");
+        if (pf::sendTo(sock.s, bytes.data(), bytes.size(), 0xFFFFFFFFu, wire::UDP_SEND_PORT) < 0) throwLastError("sendto");
     }
 }
 

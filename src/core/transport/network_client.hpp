@@ -16,22 +16,23 @@
 #include <string>
 #include <vector>
 
+#include "platform/socket.hpp"
 #include "transport/client.hpp"
 #include "transport/errors.hpp"
 
 namespace torvik::transport {
 
-// One open socket and the eventfd that cancels waits on it. The descriptor is closed when the
-// last user lets go, so a reader that is still inside poll never sees its number reused.
+// One open IPv4 socket and the signal that cancels waits on it. The socket is closed when the
+// last user lets go, so a reader that is still inside a wait never sees its handle reused.
 class SocketHandle {
 public:
-    SocketHandle(int domain, int type, int protocol);
+    explicit SocketHandle(platform::SocketKind kind);
     ~SocketHandle();
     SocketHandle(const SocketHandle&) = delete;
     SocketHandle& operator=(const SocketHandle&) = delete;
 
-    int fd() const { return fd_; }
-    int fileno() const { return fd_; }
+    platform::NativeSocket fd() const { return fd_; }
+    platform::NativeSocket fileno() const { return fd_; }
     bool isStream() const { return stream_; }
     // Wakes every current and future wait on this socket for good.
     void cancel();
@@ -70,8 +71,8 @@ private:
     int threshold_ = 1;  // guarded by threshold_m_
     std::atomic<bool> batching_{false};
     bool stream_;
-    int fd_ = -1;
-    int cancel_fd_ = -1;
+    platform::NativeSocket fd_ = platform::kInvalidSocket;
+    std::optional<platform::WakeSignal> cancel_;  // set by the constructor
 };
 
 class NetworkClient : public Client {
@@ -101,7 +102,7 @@ public:
     void disconnect();
 
 protected:
-    std::shared_ptr<SocketHandle> newSocket(int type, int protocol);
+    std::shared_ptr<SocketHandle> newSocket(platform::SocketKind kind);
     std::shared_ptr<SocketHandle> requireSocket(const char* op) const;
 
     mutable std::mutex mutex_;  // guards sock_ and timeout_

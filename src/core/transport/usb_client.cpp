@@ -5,6 +5,7 @@
 #include <chrono>
 #include <future>
 
+#include "platform/system.hpp"
 #include "transport/libusb_loader.hpp"
 #include "wire/commands.hpp"
 
@@ -223,14 +224,14 @@ UsbClient::UsbClient(const std::string& serial)
         if (ep.bEndpointAddress == ep_out_) out_interrupt_ = interrupt;
     }
 
-#ifdef __linux__
-    const int active = libusb().kernel_driver_active(handle.get(), interface_.number);
-    if (active == 1) {
-        if (int rc = libusb().detach_kernel_driver(handle.get(), interface_.number); rc < 0) throw UsbError(rc);
-    } else if (active < 0 && active != lu::ERROR_NOT_SUPPORTED) {
-        throw UsbError(active);
+    if constexpr (platform::kDetachesKernelDrivers) {
+        const int active = libusb().kernel_driver_active(handle.get(), interface_.number);
+        if (active == 1) {
+            if (int rc = libusb().detach_kernel_driver(handle.get(), interface_.number); rc < 0) throw UsbError(rc);
+        } else if (active < 0 && active != lu::ERROR_NOT_SUPPORTED) {
+            throw UsbError(active);
+        }
     }
-#endif
     handle_ = handle.release();
 }
 

@@ -50,14 +50,26 @@ long long FrameSplitter::findTerminator(std::size_t from) const {
     return -1;
 }
 
+namespace {
+
+// The last `byte` in [first, last), or null (what GNU's memrchr does; not every C library has it).
+// A frame's start lies close before its terminator, so the walk is short.
+const std::uint8_t* lastOf(const std::uint8_t* first, const std::uint8_t* last, std::uint8_t byte) {
+    while (last != first)
+        if (*--last == byte) return last;
+    return nullptr;
+}
+
+}  // namespace
+
 long long FrameSplitter::findStart(std::size_t crlf) const {
     const std::uint8_t* base = buf_.data() + head_;
     const std::size_t lowest = crlf > kMaxReach ? crlf - kMaxReach : 0;
     std::size_t end = crlf;  // candidates lie in [lowest, end)
     while (end > lowest) {
-        const void* hit = memrchr(base + lowest, kStx, end - lowest);
+        const std::uint8_t* hit = lastOf(base + lowest, base + end, kStx);
         if (hit == nullptr) return -1;
-        std::size_t s = static_cast<const std::uint8_t*>(hit) - base;
+        std::size_t s = static_cast<std::size_t>(hit - base);
         // Both length bytes exist: the terminator's two bytes stand behind s.
         long long nominal = unpackBE<std::int16_t>(base + s + 1);
         if (nominal == static_cast<long long>(crlf - s) - 3) return static_cast<long long>(s);

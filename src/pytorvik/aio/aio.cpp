@@ -1,6 +1,3 @@
-#include <sys/eventfd.h>
-#include <unistd.h>
-
 #include <atomic>
 #include <mutex>
 #include <unordered_map>
@@ -8,6 +5,7 @@
 
 #include "aio/op.hpp"
 #include "bindings.hpp"
+#include "platform/socket.hpp"
 
 namespace torvik::py_binding::aio {
 
@@ -57,22 +55,22 @@ struct TimerGuard {
 
 class FutureWaiter;
 
-// One per event loop: an eventfd the loop watches. Receive threads post woken waiters and write
-// the eventfd without the GIL; the loop's reader callback completes their futures. Loops that
-// cannot watch a descriptor get call_soon_threadsafe from the waking thread instead.
+// One per event loop: a wake signal the loop watches (the platform's: an eventfd, or on Windows a
+// loopback socket). Receive threads post woken waiters and raise it without the GIL; the loop's
+// reader callback completes their futures. Loops that cannot watch a descriptor (Windows'
+// proactor) get call_soon_threadsafe from the waking thread instead.
 class LoopWaker : public std::enable_shared_from_this<LoopWaker> {
 public:
     static std::shared_ptr<LoopWaker> of(const py::object& loop);
-    ~LoopWaker() {
-        if (efd_ >= 0) ::close(efd_);
-    }
-    bool watched() const { return efd_ >= 0; }
+    bool watched() const { return signal_ != nullptr; }
     void post(std::shared_ptr<FutureWaiter> w) noexcept;
 
 private:
     void drain();
+    // Watches a new wake signal on `loop`; false when the loop cannot watch one.
+    bool watchOn(const py::object& loop);
 
-    int efd_ = -1;
+    std::unique_ptr<platform::WakeSignal> signal_;
     std::mutex m_;
     std::vector<std::shared_ptr<FutureWaiter>> ready_;  // guarded by m_
 };
@@ -132,25 +130,28 @@ std::shared_ptr<LoopWaker> LoopWaker::of(const py::object& loop) {
         weakref = py::reinterpret_steal<py::object>(PyWeakref_NewRef(
             loop.ptr(), py::cpp_function([key](py::handle) { registry->erase(key); }).ptr()));
         if (!weakref) throw py::error_already_set();
-        int fd = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-        if (fd >= 0) {
-            waker->efd_ = fd;
-            std::weak_ptr<LoopWaker> weak = waker;
-            try {
-                loop.attr("add_reader")(fd, py::cpp_function([weak] {
-                                            if (auto w = weak.lock()) w->drain();
-                                        }));
-            } catch (py::error_already_set&) {
-                ::close(fd);
-                waker->efd_ = -1;  // this loop cannot watch descriptors
-            }
-        }
+        waker->watchOn(loop);
     } catch (py::error_already_set&) {
         // No weak reference to the loop: wake through call_soon_threadsafe and keep nothing.
         return waker;
     }
     registry->emplace(key, Entry{waker, std::move(weakref)});
     return waker;
+}
+
+bool LoopWaker::watchOn(const py::object& loop) {
+    auto signal = std::make_unique<platform::WakeSignal>();
+    if (!signal->valid()) return false;
+    std::weak_ptr<LoopWaker> weak = shared_from_this();
+    try {
+        loop.attr("add_reader")(signal->handle(), py::cpp_function([weak] {
+                                    if (auto w = weak.lock()) w->drain();
+                                }));
+    } catch (py::error_already_set&) {
+        return false;  // this loop cannot watch descriptors
+    }
+    signal_ = std::move(signal);
+    return true;
 }
 
 void LoopWaker::post(std::shared_ptr<FutureWaiter> w) noexcept {
@@ -160,15 +161,11 @@ void LoopWaker::post(std::shared_ptr<FutureWaiter> w) noexcept {
         first = ready_.empty();
         ready_.push_back(std::move(w));
     }
-    if (first) {
-        std::uint64_t one = 1;
-        [[maybe_unused]] ssize_t n = ::write(efd_, &one, sizeof one);
-    }
+    if (first) signal_->raise();
 }
 
 void LoopWaker::drain() {
-    std::uint64_t count;
-    [[maybe_unused]] ssize_t n = ::read(efd_, &count, sizeof count);
+    signal_->drain();
     std::vector<std::shared_ptr<FutureWaiter>> ready;
     {
         std::lock_guard lock(m_);

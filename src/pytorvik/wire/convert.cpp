@@ -1,7 +1,6 @@
 // Byte packing, text and address decoding, bit lists and argument checks as module functions.
 // Packing goes through the engine's big-endian helpers; everything that takes arbitrary script
 // values follows the interpreter's own rules for them (bool counts as int, any number compares).
-#include <arpa/inet.h>
 
 #include <cmath>
 #include <cstdint>
@@ -10,6 +9,7 @@
 #include "bindings.hpp"
 #include "wire/bytes.hpp"
 #include "wire/convert_py.hpp"
+#include "wire/ipv4.hpp"
 
 namespace torvik::py_binding {
 
@@ -239,12 +239,12 @@ py::list ipAddrTo4U8(py::handle value) {
         throw py::type_error("inet_aton() argument 1 must be str, not " + std::string(py::str(py::type::handle_of(value).attr("__name__"))));
     std::string text = py::cast<std::string>(value);
     if (text.find('\0') != std::string::npos) throw py::value_error("embedded null character");
-    in_addr addr{};
-    if (inet_aton(text.c_str(), &addr) == 0) {
+    const std::optional<std::uint32_t> addr = w::parseIPv4(text);
+    if (!addr) {
         PyErr_SetString(PyExc_OSError, "illegal IP address string passed to inet_aton");
         throw py::error_already_set();
     }
-    return toList(w::packBE<std::uint32_t>(ntohl(addr.s_addr)));
+    return toList(w::packBE<std::uint32_t>(*addr));
 }
 
 py::list macAddrTo6U8(py::handle str_) {

@@ -11,6 +11,7 @@
 #include "bindings.hpp"
 #include "device/router.hpp"
 #include "device/receiver.hpp"
+#include "platform/socket.hpp"
 #include "transport/errors.hpp"
 #include "wire/error_codes.hpp"
 
@@ -118,7 +119,7 @@ bool setEngineError(std::exception_ptr p) {
     } catch (const transport::ResolveError& e) {
         setSocketModuleError("gaierror", py::make_tuple(e.code, e.what()));
     } catch (const transport::SocketError& e) {
-        py::object args = py::make_tuple(e.err, std::strerror(e.err));
+        py::object args = py::make_tuple(e.err, platform::socketErrorText(e.err));
         PyErr_SetObject(PyExc_OSError, args.ptr());
     } catch (const transport::BadPort& e) {
         PyErr_SetString(PyExc_OverflowError, e.what());
