@@ -5,7 +5,9 @@
 
 #include <pybind11/pybind11.h>
 
+#include <algorithm>
 #include <climits>
+#include <cstdint>
 #include <cmath>
 #include <optional>
 #include <string>
@@ -87,6 +89,13 @@ inline bool compare(py::handle a, py::handle b, int op) {
     return r == 1;
 }
 
+// Seconds as float(o) takes a number (no text): asyncio's time limits and delays.
+inline double seconds(py::handle o) {
+    double d = PyFloat_AsDouble(o.ptr());
+    if (d == -1.0 && PyErr_Occurred()) throw py::error_already_set();
+    return d;
+}
+
 // Seconds as the interpreter's clocks take them (time.sleep, lock and socket time-outs): an int or a
 // float that fits its nanosecond clock.
 inline double clockSeconds(py::handle o) {
@@ -121,11 +130,32 @@ inline std::optional<double> queueTimeout(py::handle o) {
 // The delay of asyncio.sleep: compared with 0 first, then used as a float.
 inline double sleepSeconds(py::handle o) {
     if (compare(o, py::int_(0), Py_LE)) return 0.0;
-    PyObject* f = PyNumber_Float(o.ptr());
-    if (f == nullptr) throw py::error_already_set();
-    double d = PyFloat_AS_DOUBLE(f);
-    Py_DECREF(f);
-    return d;
+    return seconds(o);
+}
+
+// How many of `available` entries a read takes: all, or min(count, available) when count > -1,
+// used as range() uses it.
+inline long long takeCount(py::handle count, long long available) {
+    if (!compare(count, py::int_(-1), Py_GT)) return available;
+    if (PyLong_Check(count.ptr())) return std::min(clampedLL(count), available);
+    py::object m = py::module_::import("builtins").attr("min")(count, available);
+    return clampedLL(index(m));
+}
+
+// A command code (an unsigned 32-bit int).
+inline std::uint32_t code(py::handle o) {
+    py::int_ i = index(o);
+    unsigned long long v = PyLong_AsUnsignedLongLong(i.ptr());
+    if (v == static_cast<unsigned long long>(-1) && PyErr_Occurred()) throw py::error_already_set();
+    if (v > 0xFFFFFFFFULL) raise(PyExc_OverflowError, "Python int too large to convert to C unsigned int");
+    return static_cast<std::uint32_t>(v);
+}
+
+// A read's buffer size, as socket.recv checks it.
+inline std::size_t bufferSize(py::handle o) {
+    Py_ssize_t n = size(o);
+    if (n < 0) raise(PyExc_ValueError, "negative buffersize in recv");
+    return static_cast<std::size_t>(n);
 }
 
 // A host name for a socket address: str (UTF-8), bytes or bytearray, without NUL.
