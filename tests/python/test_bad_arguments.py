@@ -81,3 +81,43 @@ def test_bad_arguments_of_pools_and_stream_reads(can_dev):
 def test_unsaid_frame_bytes_fail_as_python_operators_do():
     e = bad(t.CANFrame.fromU8List, [0, "x", 0, 0])
     assert type(e) is TypeError and "unsupported operand" in str(e)
+
+
+class BadEq(int):
+    """An int whose comparisons fail: a membership test must pass the failure on."""
+
+    def __eq__(self, other):
+        raise ArithmeticError("eq refused")
+
+    __hash__ = int.__hash__
+
+
+@pytest.fixture
+def logic_dev():
+    dev = t.TorvikUsbLogic()
+    yield dev
+    dev.close()
+
+
+@pytest.mark.parametrize("op", ["UART_setParity_async", "SPI_setDataSize_async"])
+def test_a_failing_comparison_in_a_mode_check_is_not_swallowed(logic_dev, op):
+    port = sorted(logic_dev.uart_dict if op.startswith("UART") else logic_dev.SPI_dict)[0]
+    assert type(bad(getattr(logic_dev, op), port, BadEq(1))) is ArithmeticError
+
+
+def test_a_failing_truth_value_reaches_the_caller(tmp_path):
+    logger = t.DataLogger()
+    try:
+        e = bad(logger.Logger_openFile, str(tmp_path / "x.csv"), clear_old=BadBool())
+        assert type(e) is ArithmeticError
+    finally:  # ends the worker of a logger never opened
+        logger.killed = True
+        logger.save_data_queue.put(None)
+        if logger.save_data_lock.locked():
+            logger.save_data_lock.release()
+        logger.save_data_thread.join(5)
+
+
+class BadBool:
+    def __bool__(self):
+        raise ArithmeticError("bool refused")

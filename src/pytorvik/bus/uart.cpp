@@ -157,7 +157,9 @@ Co<> uartSetting(py::object self, long long cmd, py::object port, py::object mod
     uartPort(self, port);
     py::list l;
     for (long long v : allowed) l.append(v);
-    if (PySequence_Contains(l.ptr(), mode.ptr()) != 1) raiseError(error);
+    const int known = PySequence_Contains(l.ptr(), mode.ptr());
+    if (known < 0) throw py::error_already_set();
+    if (known == 0) raiseError(error);
     co_return co_await statusOp(self, cmd, Payload().byte(port).byte(mode).list(), 1);
 }
 
