@@ -20,7 +20,6 @@ import json
 import math
 import os
 import re
-import resource
 import sys
 import time
 import warnings
@@ -176,13 +175,15 @@ BROADCASTING = {"Bcst_enumerateNetworkDevices_async", "Bcst_checkMACAndSetIP_asy
 # Never called: the binding's own plumbing, and thread bodies, which loop until their handle ends.
 NEVER = {"_pybind11_conduit_v1_", "__init_subclass__", "__await__", "__next__", "send", "throw"}
 # Left out on a connected handle: what ends or moves its connection (the unconnected sweep has them).
-# A stream module's close waits for its gate, which only an open hands over: closing a port twice
-# blocks the caller for good, as it is meant to.
 NOT_CONNECTED = {"connect", "disconnect", "close", "Sys_reboot_async", "Net_setIPAddr_async",
-                 "Bcst_checkMACAndReboot_async", "Wifi_setAP_async", "_setMACAddr_async", "CAN_close_async",
-                 "UART_close_async", "AI_close_async"}
+                 "Bcst_checkMACAndReboot_async", "Wifi_setAP_async", "_setMACAddr_async"}
+# A stream module's close takes its gate, which only an open hands over: a close without an open
+# blocks the caller for good, as it is meant to. The sweep opens the gates first.
+GATES_TAKEN = {"AI_close_async": ("ai_lock",), "CAN_close_async": ("can_lock",),
+               "UART_close_async": ("uart_p1_lock", "uart_p2_lock")}
 # The packet layer's own waits run to their time limits on a connected unit (seconds each): the
-# unconnected sweep and the full one have them.
+# unconnected sweep has them, and the full one on the first connected handle (they are the same
+# functions on every handle).
 SLOW_CONNECTED = {"_getReplyFromPool_async", "_echoPacket_async", "_echoPacketWithRetry_async",
                   "_getStreamingFromPool_async"}
 
@@ -202,7 +203,7 @@ def stub_signatures():
         return lines[node.lineno - 1][node.col_offset:node.end_col_offset]
 
     def params(fn):
-        args = fn.args.args
+        args = getattr(fn.args, "posonlyargs", []) + fn.args.args
         defaults = [False] * (len(args) - len(fn.args.defaults)) + [True] * len(fn.args.defaults)
         ps = [(a.arg, text(a.annotation), d) for a, d in zip(args, defaults)]
         return ps, fn.args.vararg is not None
@@ -256,12 +257,15 @@ def enumerate_calls(plan, stubs):
     full = plan["full"]
     calls = []
     seen = set()
+    slow_done = set()
 
     def add(key, owner, name, ps, connected):
         if name in NEVER or name.endswith("Thread") or (name in BROADCASTING and not plan["broadcast"]):
             return
-        if connected and (name in NOT_CONNECTED or (not full and name in SLOW_CONNECTED)):
+        if connected and (name in NOT_CONNECTED or (name in SLOW_CONNECTED and (not full or name in slow_done))):
             return
+        if connected and name in SLOW_CONNECTED:
+            slow_done.add(name)
         fn = getattr(owner, name, None)
         if fn is None:
             return
@@ -460,8 +464,11 @@ def main():
     start = int(sys.argv[3])
     warnings.simplefilter("ignore")
     # A value that asks for an enormous result fails with MemoryError instead of swapping.
-    limit = 3 << 30
-    resource.setrlimit(resource.RLIMIT_AS, (limit, limit))
+    try:
+        import resource
+        resource.setrlimit(resource.RLIMIT_AS, (3 << 30, 3 << 30))
+    except ImportError:  # Windows: no such limit
+        pass
     stubs = stub_signatures()
     calls = enumerate_calls(plan, stubs)
     if start == 0:
@@ -485,6 +492,10 @@ def main():
         except Exception as e:  # noqa: BLE001 - a handle that cannot be made or connected
             out.write("R %d %s\n" % (index, json.dumps({"desc": "%s.%s" % (key, name), "problem": "setup: %r" % e})))
             continue
+        for gate in GATES_TAKEN.get(name, ()):
+            g = getattr(runner.objects.get(key), gate, None)
+            if g is not None and g.locked():
+                g.release()
         if unit is not None:
             unit.clear_log()
         out.write("S %d %s\n" % (index, desc))
@@ -512,6 +523,7 @@ def main():
                                                                         [(f.code, f.payload.hex()) for f in sent])
         faulthandler.cancel_dump_traceback_later()
         result["s"] = round(time.monotonic() - began, 4)
+        result["t"] = round(time.monotonic(), 3)
         out.write("R %d %s\n" % (index, json.dumps(result)))
         if unit is not None and result["kind"] != "error":
             time.sleep(0.002)  # what this call sent reaches the unit's log before the next call clears it
