@@ -78,6 +78,17 @@ def _stub_params(node, method):
     return out
 
 
+def _generator():
+    if not _gen:
+        found = importlib.util.spec_from_file_location("gen_stubs", os.path.join(ROOT, "tools", "gen_stubs.py"))
+        _gen.append(importlib.util.module_from_spec(found))
+        found.loader.exec_module(_gen[0])
+    return _gen[0]
+
+
+_gen = []
+
+
 def _runtime_params(fn, method):
     """The same for the run-time callable, or None where it does not say (overloads, plain slots)."""
     import re
@@ -85,11 +96,8 @@ def _runtime_params(fn, method):
     m = re.match(r"^(\w+)\((.*)\) -> (.+)$", doc[0]) if doc else None
     if not m or "Overloaded function." in doc:
         return None
-    found = importlib.util.spec_from_file_location("gen_stubs", os.path.join(ROOT, "tools", "gen_stubs.py"))
-    gen = importlib.util.module_from_spec(found)
-    found.loader.exec_module(gen)
     out = []
-    for p in gen.split_params(m.group(2)):
+    for p in _generator().split_params(m.group(2)):
         name, _, rest = p.partition(":")
         name = name.strip()
         if name in ("*args", "**kwargs"):
