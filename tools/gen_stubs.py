@@ -98,7 +98,7 @@ def value_type(v):
     return "Any"
 
 
-def function_stub(name, func, indent, method):
+def function_stub(name, func, indent, method, receiver_first=False):
     doc = (getattr(func, "__doc__", None) or "").strip().splitlines()
     m = SIGNATURE.match(doc[0]) if doc else None
     ret = "Coroutine[Any, Any, Any]" if name.endswith("_async") else "Any"
@@ -119,8 +119,14 @@ def function_stub(name, func, indent, method):
                 if default == "None" and typ != "Any" and "None" not in typ:
                     typ += " | None"
                 params.append("%s: %s%s" % (pname, typ, " = ..." if "=" in rest else ""))
+        if receiver_first and params and not params[0].startswith("*"):
+            params[0] = "self"  # a function bound as a method: its first parameter is the instance
         if method and (not params or params[0] != "self"):
             params.insert(0, "self")
+        # The binding's unnamed parameters (arg0, arg1, ...) take no keyword: positional only.
+        unnamed = [i for i, p in enumerate(params) if re.match(r"arg\d+:", p)]
+        if unnamed:
+            params.insert(unnamed[-1] + 1, "/")
         if not name.endswith("_async"):
             ret = SIMPLE.get(m.group(3).strip(), "Any")
     return "%sdef %s(%s) -> %s: ...\n" % (indent, name, ", ".join(params), ret)
@@ -200,7 +206,7 @@ def class_stub(cls):
         elif isinstance(v, property):
             lines.append("    %s: Any\n" % name if v.fset else "    @property\n    def %s(self) -> Any: ...\n" % name)
         elif is_function(v):
-            stub = function_stub(name, getattr(v, "__func__", v), "    ", True)
+            stub = function_stub(name, getattr(v, "__func__", v), "    ", True, type(v).__name__ == "instancemethod")
             if name == "__init__":
                 stub = stub.replace(") -> Any: ...", ") -> None: ...")
             if name in inherited:  # the handles narrow their bases' signatures on purpose

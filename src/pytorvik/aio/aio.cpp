@@ -197,7 +197,9 @@ py::object normaliseException(py::handle typ, py::handle val, py::handle tb) {
         if (!val.is_none()) throw py::type_error("instance exception may not have a separate value");
         exc = py::reinterpret_borrow<py::object>(typ);
     } else if (PyExceptionClass_Check(typ.ptr())) {
-        if (PyObject_IsInstance(val.ptr(), typ.ptr()) == 1)
+        const int is_instance = PyObject_IsInstance(val.ptr(), typ.ptr());
+        if (is_instance < 0) throw py::error_already_set();
+        if (is_instance == 1)
             exc = py::reinterpret_borrow<py::object>(val);
         else if (val.is_none())
             exc = typ();

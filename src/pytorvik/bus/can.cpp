@@ -53,10 +53,10 @@ void frameInit(py::handle self, py::handle id_, py::handle id_format, py::handle
 // The fields of a frame from its first bytes, as fromU8List reads them.
 py::tuple frameFields(const py::list& u8) {
     py::list id_in_list = u8[py::slice(0, 4, 1)];
-    long long b1 = py::cast<long long>(id_in_list[1]);
-    long long id_format = (b1 >> 3) & 1, remote = (b1 >> 4) & 1;
+    py::object b1 = id_in_list[1];
+    py::object id_format = (b1 >> py::int_(3)) & py::int_(1), remote = (b1 >> py::int_(4)) & py::int_(1);
     py::object id;
-    if (id_format == 0) {
+    if (id_format.equal(py::int_(0))) {
         id = moduleObject().attr("convert2U8ToU16")(id_in_list[py::slice(0, 2, 1)]) >> py::int_(5);
     } else {
         py::object word = moduleObject().attr("convert4U8ToU32")(id_in_list);
@@ -471,7 +471,9 @@ py::cpp_function receiverless(const char* name, std::vector<long long> allowed, 
             }
             py::list l;
             for (long long v : allowed) l.append(v);
-            if (PySequence_Contains(l.ptr(), first.ptr()) != 1) raiseError(error);
+            int r = PySequence_Contains(l.ptr(), first.ptr());
+            if (r < 0) throw py::error_already_set();
+            if (r == 0) raiseError(error);
             return true;
         },
         py::name(name));

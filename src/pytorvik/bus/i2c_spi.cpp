@@ -65,7 +65,11 @@ Co<> i2cSetClockRate(py::object self, py::object port, py::object mode) {
     i2cPort(self, port);
     checkInList(mode, {0, 1, 2, 3}, "I2CClockNotSupportError");
     static const long long kHertz[] = {100000, 400000, 1000000, 3400000};
-    py::object hertz = py::int_(kHertz[py::cast<long long>(py::int_(mode))]);
+    // The mode that `mode` equals, as a table lookup finds it (never an index taken from int(mode),
+    // which an object that compares equal need not agree with).
+    long long m = 0;
+    while (m < 3 && !py::reinterpret_borrow<py::object>(mode).equal(py::int_(m))) ++m;
+    py::object hertz = py::int_(kHertz[m]);
     py::list data_out = Payload().byte(port).extend(moduleObject().attr("convertU32To4U8")(hertz)).list();
     co_return co_await statusOp(self, w::SET_I2C_FREQUENCY, data_out, 1);
 }
@@ -130,7 +134,9 @@ Co<> spiSetting(py::object self, py::object port, py::object mode, const long lo
     spiPort(self, port);
     py::list l;
     for (long long v : allowed) l.append(v);
-    if (PySequence_Contains(l.ptr(), mode.ptr()) != 1) raiseError(error);
+    const int known = PySequence_Contains(l.ptr(), mode.ptr());
+    if (known < 0) throw py::error_already_set();
+    if (known == 0) raiseError(error);
     co_return co_await statusOp(self, Cmd, Payload().byte(port).byte(mode).list(), 1);
 }
 

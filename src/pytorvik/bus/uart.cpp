@@ -1,6 +1,7 @@
 // UARTModule: two serial ports. Settings and writes are exchanges; received bytes are a stream:
 // the routing files each packet under (START_UART_READING, port), one worker per port cuts it
 // into bytes for the reader's queue. One gate pair serves both ports, taken port 1 first.
+#include "args.hpp"
 #include "measure/signal_queue.hpp"
 #include "services/module_support.hpp"
 #include "services/modules.hpp"
@@ -109,10 +110,10 @@ Co<> uartRead(py::object self, py::object port, py::object bytes_to_read, py::ob
     }
     // What _getStreamingFromPool_async does, with the bytes decoded straight into characters:
     // no list of ints to make and throw away.
-    co_await aio::sleep(py::cast<double>(delay));
+    co_await aio::sleep(args::sleepSeconds(delay));
     long long n = static_cast<long long>(signal->queue->size());
     if (n == 0) co_return py::list();
-    if (bytes_to_read > py::int_(-1)) n = std::min<long long>(py::cast<long long>(bytes_to_read), n);
+    n = args::takeCount(bytes_to_read, n);
     co_return takeDecoded(*signal, n > 0 ? static_cast<std::size_t>(n) : 0, charDecoder().get());
 }
 
@@ -156,7 +157,9 @@ Co<> uartSetting(py::object self, long long cmd, py::object port, py::object mod
     uartPort(self, port);
     py::list l;
     for (long long v : allowed) l.append(v);
-    if (PySequence_Contains(l.ptr(), mode.ptr()) != 1) raiseError(error);
+    const int known = PySequence_Contains(l.ptr(), mode.ptr());
+    if (known < 0) throw py::error_already_set();
+    if (known == 0) raiseError(error);
     co_return co_await statusOp(self, cmd, Payload().byte(port).byte(mode).list(), 1);
 }
 

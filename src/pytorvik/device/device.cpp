@@ -4,6 +4,7 @@
 #include <chrono>
 #include <thread>
 
+#include "args.hpp"
 #include "bindings.hpp"
 #include "device/device_binding.hpp"
 #include "pyclass.hpp"
@@ -373,13 +374,13 @@ void bindDevices(py::module_& m) {
         .def("_getDeviceName",
              [](py::handle self) { return moduleObject().attr("LABEL_DICT")[py::type::handle_of(self).attr("__name__")]; })
         .def("_checkCommandType",
-             [](py::handle, std::uint32_t cmd, py::handle data) {
-                 return commandTypeName(device::checkCommandType(cmd, payloadOf(data)));
+             [](py::handle, py::handle cmd, py::handle data) {
+                 return commandTypeName(device::checkCommandType(args::code(cmd), payloadOf(data)));
              },
              py::arg("cmd"), py::arg("data"))
         .def("_putToDataPool",
-             [](py::handle self, std::uint32_t cmd, py::handle data) {
-                 device::putToDataPool(coreOf(self).core->pools, cmd, payloadOf(data));
+             [](py::handle self, py::handle cmd, py::handle data) {
+                 device::putToDataPool(coreOf(self).core->pools, args::code(cmd), payloadOf(data));
              },
              py::arg("cmd"), py::arg("data"));
     g_device = device.object();

@@ -3,6 +3,7 @@
 #include <unordered_set>
 
 #include "aio/op.hpp"
+#include "args.hpp"
 #include "device/device_binding.hpp"
 #include "measure/signal_queue.hpp"
 #include "pyclass.hpp"
@@ -106,12 +107,12 @@ Co<> sendCommand(py::object self, py::object cmd, py::object data_out) {
 
 std::uint32_t replyCode(py::handle cmd) {
     if (!PyLong_Check(cmd.ptr())) throw py::type_error("command code must be an integer");
-    return py::cast<std::uint32_t>(cmd);
+    return args::code(cmd);
 }
 
 std::optional<double> limitOf(py::handle timeout) {
     if (timeout.is_none()) return std::nullopt;
-    return py::cast<double>(timeout);
+    return args::seconds(timeout);
 }
 
 Co<> getReplyFromPool(py::object self, py::object cmd) {
@@ -145,7 +146,7 @@ Co<> echoPacketWithRetry(py::object self, py::object cmd, py::object data_out, p
     auto pool = echoPoolOf(self.attr("data_pool_echo"));
     bool timed_out = false;
     try {
-        value = co_await aio::awaitReply(pool, replyCode(cmd), py::cast<double>(remaining));
+        value = co_await aio::awaitReply(pool, replyCode(cmd), args::seconds(remaining));
     } catch (const aio::TimedOut&) {
         timed_out = true;
     }
@@ -161,19 +162,19 @@ Co<> sendPacketWithoutReply(py::object self, py::object cmd, py::object data_out
 
 Co<> getStreamingFromPool(py::object, py::object queue_, py::object num_samples, py::object delay) {
     py::list data_list;
-    co_await aio::sleep(py::cast<double>(delay));
+    co_await aio::sleep(args::sleepSeconds(delay));
     if (const SignalQueue* sq = signalQueueOf(queue_)) {
         // A reader's queue of ours: the frames asked for come out decoded in one step.
         long long n = static_cast<long long>(sq->queue->size());
         if (n == 0) co_return data_list;
-        if (num_samples > py::int_(-1)) n = std::min<long long>(py::cast<long long>(num_samples), n);
+        n = args::takeCount(num_samples, n);
         co_return takeDecoded(*sq, n > 0 ? static_cast<std::size_t>(n) : 0);
     }
     if (auto q = streamQueueOf(queue_)) {
         // Our own queue: take what is asked for in one step.
         long long n = static_cast<long long>(q->size());
         if (n == 0) co_return data_list;
-        if (num_samples > py::int_(-1)) n = std::min<long long>(py::cast<long long>(num_samples), n);
+        n = args::takeCount(num_samples, n);
         for (auto& item : q->takeUpTo(n > 0 ? static_cast<std::size_t>(n) : 0)) data_list.append(streamItemToPython(std::move(item)));
         co_return data_list;
     }

@@ -2,6 +2,7 @@
 // no data of their own, so scripts and receive threads always see the same pools.
 #include <pybind11/stl.h>
 
+#include "args.hpp"
 #include "blocking.hpp"
 #include "device/device_binding.hpp"
 
@@ -92,10 +93,7 @@ StreamItem toStreamItem(py::handle obj) {
 
 std::optional<double> queueTimeout(bool block, py::handle timeout) {
     if (!block) return 0.0;
-    if (timeout.is_none()) return std::nullopt;
-    double t = py::cast<double>(timeout);
-    if (t < 0) throw py::value_error("'timeout' must be a non-negative number");
-    return t;
+    return args::queueTimeout(timeout);
 }
 
 void raiseQueue(const char* cls) {
@@ -188,14 +186,20 @@ py::object makePoolView(const device::DataPools& pools, const char* which) {
 void bindPools(py::module_& m) {
     py::class_<StreamQueue, std::shared_ptr<StreamQueue>>(
         m, "StreamQueue", "A FIFO queue of stream data, shared by a receive thread, a worker and scripts.")
-        .def(py::init<std::size_t>(), py::arg("maxsize") = 0)
+        // maxsize <= 0 means no bound, as for queue.Queue.
+        .def(py::init([](py::handle maxsize) {
+                 return std::make_shared<StreamQueue>(static_cast<std::size_t>(std::max<long long>(0, args::clampedLL(args::index(maxsize)))));
+             }),
+             py::arg("maxsize") = 0)
         .def("qsize", &StreamQueue::size)
         .def("empty", [](const StreamQueue& q) { return q.size() == 0; })
         .def("full", &StreamQueue::full)
         .def_property_readonly("maxsize", &StreamQueue::maxsize)
-        .def("put", &queuePut, py::arg("item"), py::arg("block") = true, py::arg("timeout") = py::none())
+        .def("put", [](StreamQueue& q, py::handle o, py::handle block, py::handle timeout) { queuePut(q, o, args::truth(block), timeout); },
+             py::arg("item"), py::arg("block") = true, py::arg("timeout") = py::none())
         .def("put_nowait", [](StreamQueue& q, py::handle o) { queuePut(q, o, false, py::none()); }, py::arg("item"))
-        .def("get", &queueGet, py::arg("block") = true, py::arg("timeout") = py::none())
+        .def("get", [](StreamQueue& q, py::handle block, py::handle timeout) { return queueGet(q, args::truth(block), timeout); },
+             py::arg("block") = true, py::arg("timeout") = py::none())
         .def("get_nowait", [](StreamQueue& q) { return queueGet(q, false, py::none()); })
         .def("__repr__", [](const StreamQueue& q) { return "<StreamQueue qsize=" + std::to_string(q.size()) + ">"; });
 
@@ -249,7 +253,11 @@ void bindPools(py::module_& m) {
     py::class_<StreamView>(m, "StreamPool", "Stream queues by command code or (code, port); a queue is made on first access.")
         .def("__getitem__", [](const StreamView& v, py::handle key) { return v.pool->at(requireStreamKey(key)); })
         .def("__setitem__",
-             [](StreamView& v, py::handle key, std::shared_ptr<StreamQueue> q) { v.pool->set(requireStreamKey(key), std::move(q)); })
+             [](StreamView& v, py::handle key, py::handle q) {
+                 auto queue = streamQueueOf(q);
+                 if (!queue) throw py::type_error("a stream pool holds StreamQueue objects, not " + args::typeName(q));
+                 v.pool->set(requireStreamKey(key), std::move(queue));
+             })
         .def("__delitem__",
              [](StreamView& v, py::handle key) {
                  auto k = asStreamKey(key);

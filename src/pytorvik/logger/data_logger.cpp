@@ -54,7 +54,9 @@ bool isTrue(py::handle v) { return v.equal(py::bool_(true)); }
 
 void openFile(py::handle self, py::object filename, py::handle clear_old, py::handle verbose) {
     self.attr("filename") = filename;
-    const char* mode = PyObject_IsTrue(clear_old.ptr()) == 1 ? "w" : "a";
+    const int truncate = PyObject_IsTrue(clear_old.ptr());
+    if (truncate < 0) throw py::error_already_set();
+    const char* mode = truncate == 1 ? "w" : "a";
     py::object f = py::module_::import("builtins").attr("open")(filename, mode, py::arg("encoding") = "UTF8", py::arg("newline") = "");
     self.attr("f_handle") = f;
     self.attr("writer_csv") = py::module_::import("csv").attr("writer")(f);

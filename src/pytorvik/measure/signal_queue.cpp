@@ -1,4 +1,5 @@
 #include "measure/signal_queue.hpp"
+#include "args.hpp"
 
 #include <map>
 #include <vector>
@@ -226,9 +227,11 @@ void bindSignalQueue(py::module_& m) {
         .def("empty", [](const SignalQueue& q) { return q.queue->size() == 0; })
         .def("full", [](const SignalQueue& q) { return q.queue->full(); })
         .def_property_readonly("maxsize", [](const SignalQueue& q) { return q.queue->maxsize(); })
-        .def("put", &putOne, py::arg("item"), py::arg("block") = true, py::arg("timeout") = py::none())
+        .def("put", [](const SignalQueue& q, py::handle o, py::handle block, py::handle timeout) { putOne(q, o, args::truth(block), timeout); },
+             py::arg("item"), py::arg("block") = true, py::arg("timeout") = py::none())
         .def("put_nowait", [](const SignalQueue& q, py::handle o) { putOne(q, o, false, py::none()); }, py::arg("item"))
-        .def("get", &getOne, py::arg("block") = true, py::arg("timeout") = py::none())
+        .def("get", [](const SignalQueue& q, py::handle block, py::handle timeout) { return getOne(q, args::truth(block), timeout); },
+             py::arg("block") = true, py::arg("timeout") = py::none())
         .def("get_nowait", [](const SignalQueue& q) { return getOne(q, false, py::none()); })
         .def("__repr__", [](const SignalQueue& q) { return "<SignalQueue qsize=" + std::to_string(q.queue->size()) + ">"; });
 }

@@ -1,5 +1,6 @@
 #include <pybind11/stl.h>
 
+#include "args.hpp"
 #include "bindings.hpp"
 #include "transport/network_client.hpp"
 
@@ -9,17 +10,6 @@ using transport::NetworkClient;
 using transport::SocketHandle;
 using transport::TcpClient;
 using transport::UdpClient;
-
-namespace {
-
-std::optional<double> timeoutArg(py::handle t) {
-    if (t.is_none()) return std::nullopt;
-    double v = py::cast<double>(t);
-    if (v < 0) throw py::value_error("Timeout value out of range");
-    return v;
-}
-
-}  // namespace
 
 void bindNetworkClients(py::module_& m) {
     py::class_<SocketHandle, std::shared_ptr<SocketHandle>>(m, "Socket", "An open socket of a network client.")
@@ -36,10 +26,11 @@ void bindNetworkClients(py::module_& m) {
                 return s ? py::cast(s) : py::int_(0);
             },
             "The open socket, or 0 when there is none.")
-        .def("setTimeout", [](NetworkClient& c, py::handle t) { c.setTimeout(timeoutArg(t)); }, py::arg("timeout"))
+        .def("setTimeout", [](NetworkClient& c, py::handle t) { c.setTimeout(args::socketTimeout(t)); }, py::arg("timeout"))
         .def(
             "recvPacket",
-            [](NetworkClient& c, std::size_t length) {
+            [](NetworkClient& c, py::handle length_arg) {
+                const std::size_t length = args::bufferSize(length_arg);
                 std::vector<std::uint8_t> data;
                 {
                     py::gil_scoped_release nogil;
@@ -50,7 +41,8 @@ void bindNetworkClients(py::module_& m) {
             py::arg("length"))
         .def(
             "recvAndSplitPacket",
-            [](NetworkClient& c, std::size_t length) {
+            [](NetworkClient& c, py::handle length_arg) {
+                const std::size_t length = args::bufferSize(length_arg);
                 std::vector<wire::Packet> packets;
                 {
                     py::gil_scoped_release nogil;
@@ -77,7 +69,9 @@ void bindNetworkClients(py::module_& m) {
         .def(py::init<>())
         .def(
             "connect",
-            [](TcpClient& c, const std::string& ip_addr, int port) {
+            [](TcpClient& c, py::handle ip_arg, py::handle port_arg) {
+                const std::string ip_addr = args::hostName(ip_arg);
+                const int port = args::portNumber(port_arg, "connect");
                 py::gil_scoped_release nogil;
                 return c.connect(ip_addr, port);
             },
@@ -88,7 +82,9 @@ void bindNetworkClients(py::module_& m) {
         .def(py::init<>())
         .def(
             "bind",
-            [](UdpClient& c, const std::string& ip_addr, int port) {
+            [](UdpClient& c, py::handle ip_arg, py::handle port_arg) {
+                const std::string ip_addr = args::hostName(ip_arg);
+                const int port = args::portNumber(port_arg, "bind");
                 py::gil_scoped_release nogil;
                 return c.bind(ip_addr, port);
             },

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <optional>
 
+#include "args.hpp"
 #include "bindings.hpp"
 #include "device/device_binding.hpp"
 #include "transport/libusb_loader.hpp"
@@ -163,7 +164,15 @@ void bindUsbClient(py::module_& m) {
 
     py::class_<UsbClient, transport::Client, std::shared_ptr<UsbClient>>(
         m, "USBClient", py::dynamic_attr(), "USB transport to the unit with a given serial number.")
-        .def(py::init([](const std::string& serial_num) {
+        .def(py::init([](py::handle serial_arg) {
+                 // A unit's serial number is text: anything else matches no unit.
+                 Py_ssize_t size = 0;
+                 const char* utf8 = PyUnicode_Check(serial_arg.ptr()) ? PyUnicode_AsUTF8AndSize(serial_arg.ptr(), &size) : nullptr;
+                 if (utf8 == nullptr || std::string_view(utf8, static_cast<std::size_t>(size)).find('\0') != std::string_view::npos) {
+                     PyErr_Clear();
+                     raiseError("USBConnectionError");
+                 }
+                 const std::string serial_num(utf8, static_cast<std::size_t>(size));
                  requireLibusb();
                  py::gil_scoped_release nogil;
                  return std::shared_ptr<UsbClient>(new UsbClient(serial_num), deleteWithoutGil);
@@ -178,7 +187,8 @@ void bindUsbClient(py::module_& m) {
         .def("takeProductName", &UsbClient::takeProductName, py::call_guard<py::gil_scoped_release>())
         .def(
             "recvPacket",
-            [](UsbClient& c, std::size_t length) {
+            [](UsbClient& c, py::handle length_arg) {
+                const std::size_t length = args::bufferSize(length_arg);
                 std::vector<std::uint8_t> data;
                 {
                     py::gil_scoped_release nogil;
@@ -189,7 +199,8 @@ void bindUsbClient(py::module_& m) {
             py::arg("length"), "One read of up to `length` bytes within 1 ms; USBTimeoutError when nothing came.")
         .def(
             "recvAndSplitPacket",
-            [](UsbClient& c, std::size_t length) {
+            [](UsbClient& c, py::handle length_arg) {
+                const std::size_t length = args::bufferSize(length_arg);
                 std::vector<wire::Packet> packets;
                 {
                     py::gil_scoped_release nogil;

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <string>
 
+#include "args.hpp"
 #include "bindings.hpp"
 #include "wire/bytes.hpp"
 #include "wire/convert_py.hpp"
@@ -118,22 +119,31 @@ py::list coerce(py::handle list_, py::handle lower, py::handle upper) {
     return out;
 }
 
-py::list adjustDataList(py::handle data_list, Py_ssize_t list_length, Py_ssize_t padding_num) {
+py::list adjustDataList(py::handle data_list, py::handle list_length_arg, py::handle padding_num_arg) {
     py::list items(py::reinterpret_borrow<py::object>(data_list));
     Kind kind = kindOf(items);
     const Py_ssize_t n = static_cast<Py_ssize_t>(items.size());
+    // Lengths beyond any list saturate: cutting to one keeps all, padding to one cannot be had.
+    const long long list_length = args::clampedLL(args::index(list_length_arg));
+    const long long padding_num = args::clampedLL(args::index(padding_num_arg));
     py::list out;
     if (n > list_length) {
         // Slicing rules: a negative length counts from the end.
-        Py_ssize_t stop = list_length < 0 ? std::max<Py_ssize_t>(n + list_length, 0) : list_length;
+        long long stop = list_length < 0 ? std::max<long long>(n + list_length, 0) : list_length;
         for (Py_ssize_t i = 0; i < stop; ++i) out.append(castTo(kind, items[i]));
         return out;
     }
     if (padding_num < 0) throw py::value_error("index can't contain negative values");
+    if (padding_num > PY_SSIZE_T_MAX - list_length) {
+        PyErr_NoMemory();
+        throw py::error_already_set();
+    }
+    out = args::newList(static_cast<Py_ssize_t>(padding_num + list_length));
     py::object zero = castTo(kind, py::int_(0));
-    for (Py_ssize_t i = 0; i < padding_num; ++i) out.append(zero);
-    for (py::handle o : items) out.append(castTo(kind, o));
-    for (Py_ssize_t i = n; i < list_length; ++i) out.append(zero);
+    Py_ssize_t at = 0;
+    for (long long i = 0; i < padding_num; ++i) out[at++] = zero;
+    for (py::handle o : items) out[at++] = castTo(kind, o);
+    for (long long i = n; i < list_length; ++i) out[at++] = zero;
     return out;
 }
 
@@ -141,13 +151,27 @@ py::list intToBinaryList(py::handle value_int, py::handle width) {
     py::int_ value = py::reinterpret_steal<py::int_>(PyNumber_Index(value_int.ptr()));
     if (!value) throw py::error_already_set();
     if (value < py::int_(0)) throw py::value_error("value_int must not be negative");
-    // At least `width` entries: a float width asks for as many as reach it.
-    Py_ssize_t min_len = 0;
-    if (PyFloat_Check(width.ptr()))
-        min_len = static_cast<Py_ssize_t>(std::max(0.0, std::ceil(std::min(PyFloat_AsDouble(width.ptr()), 1e12))));
-    else
-        min_len = std::max<Py_ssize_t>(0, py::cast<Py_ssize_t>(exactIndex(width)));
     std::size_t nbits = py::cast<std::size_t>(value.attr("bit_length")());
+    // Bits go on while fewer than `width` have been produced: width is compared with a count, so
+    // any number serves (nan asks for none) and anything else fails as `<` does. A length that no
+    // list can have fails for want of memory, as the growing list would.
+    constexpr long long kNoList = PY_SSIZE_T_MAX / static_cast<long long>(sizeof(PyObject*));
+    long long min_len = 0;
+    if (PyFloat_Check(width.ptr())) {
+        const double w = PyFloat_AS_DOUBLE(width.ptr());
+        min_len = w > static_cast<double>(kNoList) ? kNoList + 1 : w > 0 ? static_cast<long long>(std::ceil(w)) : 0;
+    } else if (PyLong_Check(width.ptr())) {
+        min_len = std::max<long long>(0, args::clampedLL(width));
+    } else {
+        // Any other object: as many bits as `count < width` asks for, within a bound.
+        min_len = static_cast<long long>(nbits);
+        while (min_len <= kNoList && args::compare(py::int_(min_len), width, Py_LT))
+            if (++min_len > (1LL << 24)) min_len = kNoList + 1;
+    }
+    if (min_len > kNoList) {
+        PyErr_NoMemory();
+        throw py::error_already_set();
+    }
     std::string le;  // value's bytes, least significant first
     if (nbits <= 64) {
         std::uint64_t v = py::cast<std::uint64_t>(value);
@@ -156,7 +180,7 @@ py::list intToBinaryList(py::handle value_int, py::handle width) {
         le = py::cast<std::string>(value.attr("to_bytes")((nbits + 7) / 8, "little"));
     }
     std::size_t count = std::max<std::size_t>(nbits, static_cast<std::size_t>(min_len));
-    py::list out(count);
+    py::list out = args::newList(static_cast<Py_ssize_t>(count));
     for (std::size_t i = 0; i < count; ++i) {
         int bit = i < nbits ? (static_cast<unsigned char>(le[i / 8]) >> (i % 8)) & 1 : 0;
         out[i] = py::int_(bit);
@@ -237,7 +261,10 @@ py::list strToU8List(py::handle str_) {
 py::list ipAddrTo4U8(py::handle value) {
     if (!PyUnicode_Check(value.ptr()))
         throw py::type_error("inet_aton() argument 1 must be str, not " + std::string(py::str(py::type::handle_of(value).attr("__name__"))));
-    std::string text = py::cast<std::string>(value);
+    Py_ssize_t size = 0;
+    const char* utf8 = PyUnicode_AsUTF8AndSize(value.ptr(), &size);
+    if (utf8 == nullptr) throw py::error_already_set();
+    std::string text(utf8, static_cast<std::size_t>(size));
     if (text.find('\0') != std::string::npos) throw py::value_error("embedded null character");
     const std::optional<std::uint32_t> addr = w::parseIPv4(text);
     if (!addr) {

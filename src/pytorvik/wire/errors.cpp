@@ -7,6 +7,7 @@
 #include <unordered_map>
 
 #include <cstring>
+#include <new>
 
 #include "bindings.hpp"
 #include "device/router.hpp"
@@ -125,6 +126,8 @@ bool setEngineError(std::exception_ptr p) {
         PyErr_SetString(PyExc_OverflowError, e.what());
     } catch (const device::RoutingError& e) {
         PyErr_SetString(PyExc_IndexError, e.what());
+    } catch (const std::bad_alloc&) {
+        PyErr_NoMemory();  // the interpreter's own MemoryError, without the C++ library's text
     } catch (...) {
         return false;
     }
