@@ -30,7 +30,8 @@ inline bool truth(py::handle o) {
     return r == 1;
 }
 
-// operator.index(o) as an exact int.
+// operator.index(o) as a plain int: before Python 3.10 PyNumber_Index hands an int subclass (a
+// bool) back as it is, and a result must not depend on the interpreter.
 inline py::int_ index(py::handle o) {
     PyObject* r = PyNumber_Index(o.ptr());
     if (r != nullptr && !PyLong_CheckExact(r)) {

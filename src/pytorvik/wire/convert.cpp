@@ -86,23 +86,10 @@ Kind kindOf(const py::list& items) {
     return any_float ? Kind::Float : all_bool ? Kind::Bool : Kind::Int;
 }
 
-// operator.index(o) as a plain int: before Python 3.10 PyNumber_Index hands an int subclass (a
-// bool) back as it is, and a result must not depend on the interpreter.
-py::object exactIndex(py::handle o) {
-    PyObject* r = PyNumber_Index(o.ptr());
-    if (r != nullptr && !PyLong_CheckExact(r)) {
-        PyObject* exact = PyNumber_Long(r);
-        Py_DECREF(r);
-        r = exact;
-    }
-    if (r == nullptr) throw py::error_already_set();
-    return py::reinterpret_steal<py::object>(r);
-}
-
 py::object castTo(Kind kind, py::handle o) {
     switch (kind) {
         case Kind::Bool: return py::bool_(py::reinterpret_borrow<py::object>(o));
-        case Kind::Int: return exactIndex(o);
+        case Kind::Int: return args::index(o);
         case Kind::Float: return py::float_(asDouble(o));
     }
     return py::none();
