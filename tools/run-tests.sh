@@ -73,6 +73,8 @@ run_pytest() {  # python, pytest arguments...
     fi
 }
 run_pytest "$py" -q -rs tests/python
+# The full argument sweep: every odd value in every position of every callable (minutes).
+run_pytest "$py" -q -rs -m sweep_full tests/python/test_sweep.py
 
 # The oldest supported Python: its own build of the module, the same tests, the same emulator.
 if [ -n "$oldest" ]; then
