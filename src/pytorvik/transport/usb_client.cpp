@@ -37,14 +37,14 @@ std::string moduleDir() {
 // The directory of the libusb-package wheel, found without importing it (its import costs much).
 std::optional<std::string> libusbPackageDir() {
     try {
-        py::object spec = py::module_::import("importlib.util").attr("find_spec")("libusb_package");
-        if (spec.is_none()) return std::nullopt;
-        py::object where = py::getattr(spec, "submodule_search_locations", py::none());
+        py::object found = py::module_::import("importlib.util").attr("find_spec")("libusb_package");
+        if (found.is_none()) return std::nullopt;
+        py::object where = py::getattr(found, "submodule_search_locations", py::none());
         if (!where.is_none())
             for (py::handle dir : where)
                 if (py::isinstance<py::str>(dir))
                     return py::module_::import("os").attr("fsencode")(dir).cast<std::string>();
-        py::object origin = py::getattr(spec, "origin", py::none());
+        py::object origin = py::getattr(found, "origin", py::none());
         if (!py::isinstance<py::str>(origin)) return std::nullopt;
         return dirOf(origin);
     } catch (py::error_already_set& e) {
