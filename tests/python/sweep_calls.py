@@ -270,7 +270,9 @@ def enumerate_calls(plan, stubs):
         if fn is None:
             return
         ident = (getattr(fn, "__func__", fn), connected)
-        if not full:  # the fast sweep: each function once, a sample of values in each position
+        # Each function once: the fast sweep with a sample of values in each position, the full one
+        # with every value, connected on the first unit that has it (its body is the same on all).
+        if not full or connected:
             if ident in seen:
                 return
             seen.add(ident)

@@ -10,7 +10,7 @@ binding library (a cast message naming C++ types), and when a library Error is r
 traffic log must show that nothing was sent.
 
 The default run samples values per position (a few seconds); `-m sweep_full` runs every value in
-every position on every handle class.
+every position: unconnected on every class, connected on the first unit that has the function.
 """
 import json
 import os
