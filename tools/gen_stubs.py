@@ -154,9 +154,11 @@ def function_stub(name, func, indent, method, note=""):
             kinds.append(p.kind)
         if method and not params:
             params.append("self")
-        if p_positional_only(kinds):
-            params.insert(p_positional_only(kinds), "/")
-    ret = result_type(doc) or DUNDER_RESULTS.get(name, "Any")
+        if slash_position(kinds):
+            params.insert(slash_position(kinds), "/")
+    # A documented public function that states no result returns None.
+    public = not name.startswith("_") and not name.endswith("_async")
+    ret = result_type(doc) or DUNDER_RESULTS.get(name) or ("None" if doc and public else "Any")
     if name.endswith("_async"):
         ret = "Coroutine[Any, Any, %s]" % ret
     head = "%sdef %s(%s) -> %s:" % (indent, name, ", ".join(params), ret)
@@ -164,7 +166,7 @@ def function_stub(name, func, indent, method, note=""):
     return head + (" ...%s\n" % note if not text else "%s\n%s" % (note, text))
 
 
-def p_positional_only(kinds):
+def slash_position(kinds):
     """Where "/" goes: after the last positional-only parameter (0 when there is none)."""
     last = [i for i, k in enumerate(kinds) if k == inspect.Parameter.POSITIONAL_ONLY]
     return last[-1] + 1 if last else 0

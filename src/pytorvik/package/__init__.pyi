@@ -506,7 +506,7 @@ class USBError(OSError):
 
 class USBTimeoutError(USBError):
     """A USB transfer that ran into its time limit."""
-def printGenericError(err: BaseException) -> Any:
+def printGenericError(err: BaseException) -> None:
     """Prints the error's class name, a colon and its text on one line.
 
     Args:
@@ -895,7 +895,7 @@ class NetworkClient(Client):
     def _pybind11_conduit_v1_(self, *args: Any, **kwargs: Any) -> Any: ...  # type: ignore[override]
     @property
     def socket(self) -> Any: ...
-    def setTimeout(self, timeout: float | None) -> Any:
+    def setTimeout(self, timeout: float | None) -> None:
         """Sets the time limit of the socket's receives.
 
         Args:
@@ -938,7 +938,7 @@ class NetworkClient(Client):
         Raises:
             OSError: the connection failed.
         """
-    def disconnect(self) -> Any:
+    def disconnect(self) -> None:
         """Shuts the socket down and closes it.
 
         Raises:
@@ -949,7 +949,7 @@ class TCPClient(NetworkClient):
     """TCP transport: a unit's command or data connection."""
     def __init__(self) -> None: ...  # type: ignore[override]
     def _pybind11_conduit_v1_(self, *args: Any, **kwargs: Any) -> Any: ...  # type: ignore[override]
-    def connect(self, ip_addr: str, port: int) -> Any:
+    def connect(self, ip_addr: str, port: int) -> None:
         """Connects to a unit.
 
         Args:
@@ -964,7 +964,7 @@ class UDPClient(NetworkClient):
     """UDP transport: discovery answers and broadcasts."""
     def __init__(self) -> None: ...  # type: ignore[override]
     def _pybind11_conduit_v1_(self, *args: Any, **kwargs: Any) -> Any: ...  # type: ignore[override]
-    def bind(self, ip_addr: str, port: int) -> Any:
+    def bind(self, ip_addr: str, port: int) -> None:
         """Binds the socket for broadcast answers.
 
         Args:
@@ -974,7 +974,7 @@ class UDPClient(NetworkClient):
         Raises:
             NetworkConnectionError: the port cannot be bound (-8002).
         """
-    def sendBcstPacket(self, packet: list[int]) -> Any:
+    def sendBcstPacket(self, packet: list[int]) -> None:
         """Broadcasts bytes to 255.255.255.255 from every local IPv4 address.
 
         Args:
@@ -992,7 +992,7 @@ class USBBackend:
     @property
     def path(self) -> Any: ...
     def __repr__(self) -> str: ...  # type: ignore[override]
-def getLibUSB1() -> Any:
+def getLibUSB1() -> None:
     """The USB backend: the libusb-1.0 loaded from beside the module, from ../ext_lib, the system's own, or the libusb-package wheel's, in that order; None when none can be loaded."""
 
 class USBDeviceHandle:
@@ -1087,7 +1087,7 @@ class USBClient(Client):
         Returns:
             str: the product name.
         """
-    def recvPacket(self, length: int) -> Any:
+    def recvPacket(self, length: int) -> None:
         """One read of up to `length` bytes within 1 ms; USBTimeoutError when nothing came."""
     def recvAndSplitPacket(self, length: int) -> list[tuple[int, bytes]]:
         """Reads from the unit and splits the stream into packets.
@@ -1102,7 +1102,7 @@ class USBClient(Client):
             USBTimeoutError: nothing came within the time limit.
             USBError: the transfer failed.
         """
-    def sendPacket(self, int_list: list[int]) -> Any:
+    def sendPacket(self, int_list: list[int]) -> None:
         """Writes bytes to the unit in 64-byte transfers.
 
         Args:
@@ -1147,7 +1147,7 @@ class Operation:
         Returns:
             Any: the next future it waits on.
         """
-    def close(self) -> Any:
+    def close(self) -> None:
         """Ends the operation without a result, as coroutine.close does."""
     def __repr__(self) -> str: ...  # type: ignore[override]
 
@@ -1165,7 +1165,7 @@ class Gate:
         Returns:
             bool: whether the gate was taken.
         """
-    def release(self) -> Any:
+    def release(self) -> None:
         """Opens the gate.
 
         Raises:
@@ -1205,7 +1205,7 @@ class StreamQueue:
         """
     @property
     def maxsize(self) -> Any: ...
-    def put(self, item: bytes | None, block: bool = ..., timeout: float | None = ...) -> Any:
+    def put(self, item: bytes | None, block: bool = ..., timeout: float | None = ...) -> None:
         """Appends a packet's data (or None, the wake-up mark).
 
         Args:
@@ -1213,7 +1213,7 @@ class StreamQueue:
             block (bool): accepted as queue.Queue does.
             timeout (float | None): the same.
         """
-    def put_nowait(self, item: bytes | None) -> Any:
+    def put_nowait(self, item: bytes | None) -> None:
         """Appends without waiting.
 
         Args:
@@ -1321,19 +1321,19 @@ class AnswerSet:
     def __len__(self) -> int: ...
     def __iter__(self) -> Iterator[Any]: ...
     def __contains__(self, arg0: Any, /) -> bool: ...
-    def add(self, arg0: bytes, /) -> Any:
+    def add(self, arg0: bytes, /) -> None:
         """Adds an answer (duplicates fall together).
 
         Args:
             arg0 (bytes): the answer.
         """
-    def discard(self, arg0: bytes, /) -> Any:
+    def discard(self, arg0: bytes, /) -> None:
         """Removes an answer if present.
 
         Args:
             arg0 (bytes): the answer.
         """
-    def remove(self, arg0: bytes, /) -> Any:
+    def remove(self, arg0: bytes, /) -> None:
         """Removes an answer.
 
         Args:
@@ -1342,7 +1342,7 @@ class AnswerSet:
         Raises:
             KeyError: it is not there.
         """
-    def clear(self) -> Any:
+    def clear(self) -> None:
         """Removes every answer."""
     def copy(self) -> set[bytes]:
         """The answers as a plain set.
@@ -1380,7 +1380,7 @@ class Device:
     data_pool_strm: StreamPool
     def __init__(self) -> None: ...  # type: ignore[override]
     killed: Any
-    def close(self, verbose: bool = ...) -> Any:
+    def close(self, verbose: bool = ...) -> None:
         """Marks the object closed for good (killed); the subclasses' close also ends their threads.
 
         Args:
@@ -1413,13 +1413,13 @@ class USBDevice(Device):
             USBConnectionError: no unit with that serial number (-8001).
             USBError: libusb is missing or fails.
         """
-    def disconnect(self, verbose: bool = ...) -> Any:
+    def disconnect(self, verbose: bool = ...) -> None:
         """Stops receiving and releases the USB unit; the handle can connect again.
 
         Args:
             verbose (bool): print "Disconnected from ...".
         """
-    def close(self, verbose: bool = ...) -> Any:  # type: ignore[override]
+    def close(self, verbose: bool = ...) -> None:  # type: ignore[override]
         """Disconnects, then ends the receive thread. Without close the interpreter does not exit.
         The disconnect line is printed even with verbose=False.
 
@@ -1451,7 +1451,7 @@ class NetworkDevice(Device):
         Raises:
             NetworkConnectionError: the unit cannot be reached (-8002).
         """
-    def disconnect(self, verbose: bool = ...) -> Any:
+    def disconnect(self, verbose: bool = ...) -> None:
         """Stops receiving and closes the command connection.
 
         Args:
@@ -1460,7 +1460,7 @@ class NetworkDevice(Device):
         Raises:
             NetworkConnectionLostError: the connection could not be shut down (-8007).
         """
-    def close(self, verbose: bool = ...) -> Any:  # type: ignore[override]
+    def close(self, verbose: bool = ...) -> None:  # type: ignore[override]
         """Disconnects, then ends the receive thread. Without close the interpreter does not exit.
 
         Args:
@@ -1493,7 +1493,7 @@ class WifiDevice(NetworkDevice):
         Raises:
             NetworkConnectionError: the unit cannot be reached (-8002).
         """
-    def disconnect(self, verbose: bool = ...) -> Any:  # type: ignore[override]
+    def disconnect(self, verbose: bool = ...) -> None:  # type: ignore[override]
         """Stops receiving and closes both connections.
 
         Args:
@@ -1502,7 +1502,7 @@ class WifiDevice(NetworkDevice):
         Raises:
             NetworkConnectionLostError: a connection could not be shut down (-8007).
         """
-    def close(self, verbose: bool = ...) -> Any:  # type: ignore[override]
+    def close(self, verbose: bool = ...) -> None:  # type: ignore[override]
         """Disconnects, then ends both receive threads.
 
         Args:
@@ -1529,7 +1529,7 @@ class BroadcastDevice(Device):
         Raises:
             NetworkConnectionError: the port cannot be bound (-8002).
         """
-    def disconnect(self, verbose: bool = ...) -> Any:
+    def disconnect(self, verbose: bool = ...) -> None:
         """Stops receiving and shuts the UDP socket down. On Linux the shutdown of a socket that never
         connected fails: see DeviceFinder for the sequence that closes a finder.
 
@@ -1539,7 +1539,7 @@ class BroadcastDevice(Device):
         Raises:
             NetworkConnectionLostError: the socket could not be shut down (-8007; always on Linux).
         """
-    def close(self, verbose: bool = ...) -> Any:  # type: ignore[override]
+    def close(self, verbose: bool = ...) -> None:  # type: ignore[override]
         """Disconnects if connected, then ends the receive thread.
 
         Args:
@@ -2122,7 +2122,7 @@ class SignalQueue:
         """
     @property
     def maxsize(self) -> Any: ...
-    def put(self, item: Any, block: bool = ..., timeout: float | None = ...) -> Any:
+    def put(self, item: Any, block: bool = ..., timeout: float | None = ...) -> None:
         """Appends a record, as queue.Queue.put does.
 
         Args:
@@ -2133,7 +2133,7 @@ class SignalQueue:
         Raises:
             queue.Full: no room came in time.
         """
-    def put_nowait(self, item: Any) -> Any:
+    def put_nowait(self, item: Any) -> None:
         """Appends a record without waiting.
 
         Args:
@@ -3097,7 +3097,7 @@ class CANFrame(_CANFrameWire):
         Returns:
             list[int]: eight bytes.
         """
-    def setID(self) -> Any:
+    def setID(self) -> None:
         """Recomputes id_in_list and frame_in_list from id, id_format, remote and data."""
     def __getstate__(self) -> Any: ...  # type: ignore[override]
     @classmethod
@@ -3464,7 +3464,7 @@ class DataLogger:
     """Writes rows to a CSV file from a worker thread."""
     def __init__(self) -> None: ...  # type: ignore[override]
     def _saveStreamingDataThread(self, queue_: Any) -> Any: ...
-    def Logger_openFile(self, filename: str, clear_old: bool = ..., verbose: bool = ...) -> Any:
+    def Logger_openFile(self, filename: str, clear_old: bool = ..., verbose: bool = ...) -> None:
         """Opens the CSV file and lets the writer thread run. Once per logger: a closed logger is finished.
 
         Args:
@@ -3476,31 +3476,31 @@ class DataLogger:
             OSError: the file cannot be opened.
             RuntimeError: the logger is open already.
         """
-    def Logger_writeHeader(self, header: list[Any]) -> Any:
+    def Logger_writeHeader(self, header: list[Any]) -> None:
         """Queues a header row (a plain row).
 
         Args:
             header (list[Any]): the column names.
         """
-    def Logger_writeValue(self, value: Any) -> Any:
+    def Logger_writeValue(self, value: Any) -> None:
         """Queues a row of one value.
 
         Args:
             value (Any): the value.
         """
-    def Logger_writeList(self, value_list: list[Any]) -> Any:
+    def Logger_writeList(self, value_list: list[Any]) -> None:
         """Queues one row.
 
         Args:
             value_list (list[Any]): the row's values.
         """
-    def Logger_write2DList(self, value_mat: list[list[Any]]) -> Any:
+    def Logger_write2DList(self, value_mat: list[list[Any]]) -> None:
         """Queues several rows (never blocks).
 
         Args:
             value_mat (list[list[Any]]): the rows.
         """
-    def Logger_closeFile(self, verbose: bool = ...) -> Any:
+    def Logger_closeFile(self, verbose: bool = ...) -> None:
         """Closes the file and ends the writer thread. It does not wait: rows still queued are lost, so let
         the queue run empty (save_data_queue.empty()) before closing.
 
@@ -3623,7 +3623,7 @@ class TorvikUsbLogic(USBDevice, SystemModule, UARTModule, I2CModule, SPIModule, 
     uart_p2_signal_queue: SignalQueue
     uart_p2_stream_thread: Any
     def __init__(self) -> None: ...  # type: ignore[override]
-    def close(self) -> Any:  # type: ignore[override]
+    def close(self) -> None:  # type: ignore[override]
         """Disconnects, ends the receive thread and frees the stream workers. Without close the
         interpreter does not exit; a second close does nothing. The base's verbose stays at its
         default, so the lines are printed.
@@ -3659,7 +3659,7 @@ class TorvikUsbCan(USBDevice, SystemModule, UARTModule, I2CModule, SPIModule, CA
     uart_p2_signal_queue: SignalQueue
     uart_p2_stream_thread: Any
     def __init__(self) -> None: ...  # type: ignore[override]
-    def close(self) -> Any:  # type: ignore[override]
+    def close(self) -> None:  # type: ignore[override]
         """Disconnects, ends the receive thread and frees the stream workers. Without close the
         interpreter does not exit; a second close does nothing. The base's verbose stays at its
         default, so the lines are printed.
@@ -3691,7 +3691,7 @@ class TorvikUsbThermo(USBDevice, SystemModule, UARTModule, I2CModule, SPIModule,
     uart_p2_signal_queue: SignalQueue
     uart_p2_stream_thread: Any
     def __init__(self) -> None: ...  # type: ignore[override]
-    def close(self) -> Any:  # type: ignore[override]
+    def close(self) -> None:  # type: ignore[override]
         """Disconnects, ends the receive thread and frees the stream workers. Without close the
         interpreter does not exit; a second close does nothing. The base's verbose stays at its
         default, so the lines are printed.
@@ -3723,7 +3723,7 @@ class TorvikUsbRtd(USBDevice, SystemModule, UARTModule, I2CModule, SPIModule, Th
     uart_p2_signal_queue: SignalQueue
     uart_p2_stream_thread: Any
     def __init__(self) -> None: ...  # type: ignore[override]
-    def close(self) -> Any:  # type: ignore[override]
+    def close(self) -> None:  # type: ignore[override]
         """Disconnects, ends the receive thread and frees the stream workers. Without close the
         interpreter does not exit; a second close does nothing. The base's verbose stays at its
         default, so the lines are printed.
@@ -3740,7 +3740,7 @@ class TorvikLanRelay(ETHDevice, SystemModule, NetworkModule, DIOModule, RelayMod
     dio_num_pins_per_port: int
     do_dict: dict[int, list[int]]
     def __init__(self) -> None: ...  # type: ignore[override]
-    def close(self) -> Any:  # type: ignore[override]
+    def close(self) -> None:  # type: ignore[override]
         """Disconnects, ends the receive thread and frees the stream workers. Without close the
         interpreter does not exit; a second close does nothing. The base's verbose stays at its
         default, so the lines are printed.
@@ -3763,7 +3763,7 @@ class TorvikLanAnalog(ETHDevice, SystemModule, NetworkModule, AIModule):
     ai_stream_thread: Any
     ai_strm_cmd: int
     def __init__(self) -> None: ...  # type: ignore[override]
-    def close(self) -> Any:  # type: ignore[override]
+    def close(self) -> None:  # type: ignore[override]
         """Disconnects, ends the receive thread and frees the stream workers. Without close the
         interpreter does not exit; a second close does nothing. The base's verbose stays at its
         default, so the lines are printed.
@@ -3780,7 +3780,7 @@ class TorvikLanOutput(ETHDevice, SystemModule, NetworkModule, AOModule):
     ao_volt_max: int
     ao_volt_min: int
     def __init__(self) -> None: ...  # type: ignore[override]
-    def close(self) -> Any:  # type: ignore[override]
+    def close(self) -> None:  # type: ignore[override]
         """Disconnects, ends the receive thread and frees the stream workers. Without close the
         interpreter does not exit; a second close does nothing. The base's verbose stays at its
         default, so the lines are printed.
@@ -3821,7 +3821,7 @@ class TorvikUsbAnalog(USBDevice, SystemModule, UARTModule, I2CModule, SPIModule,
     uart_p2_signal_queue: SignalQueue
     uart_p2_stream_thread: Any
     def __init__(self) -> None: ...  # type: ignore[override]
-    def close(self) -> Any:  # type: ignore[override]
+    def close(self) -> None:  # type: ignore[override]
         """Disconnects, ends the receive thread and frees the stream workers. Without close the
         interpreter does not exit; a second close does nothing. The base's verbose stays at its
         default, so the lines are printed.
@@ -3865,7 +3865,7 @@ class TorvikUsbMixed(USBDevice, SystemModule, UARTModule, I2CModule, AIModule, A
     uart_p2_signal_queue: SignalQueue
     uart_p2_stream_thread: Any
     def __init__(self) -> None: ...  # type: ignore[override]
-    def close(self) -> Any:  # type: ignore[override]
+    def close(self) -> None:  # type: ignore[override]
         """Disconnects, ends the receive thread and frees the stream workers. Without close the
         interpreter does not exit; a second close does nothing. The base's verbose stays at its
         default, so the lines are printed.
@@ -3888,7 +3888,7 @@ class TorvikAirAnalog(WifiDevice, SystemModule, SystemAnalogModule, NetworkModul
     ai_stream_thread: Any
     ai_strm_cmd: int
     def __init__(self) -> None: ...  # type: ignore[override]
-    def connect(self, ip: str) -> Any:  # type: ignore[override]
+    def connect(self, ip: str) -> None:  # type: ignore[override]
         """Connects to the Wi-Fi unit (command port 7, data port 1336).
 
         Args:
@@ -3897,13 +3897,13 @@ class TorvikAirAnalog(WifiDevice, SystemModule, SystemAnalogModule, NetworkModul
         Raises:
             NetworkConnectionError: the unit cannot be reached (-8002).
         """
-    def disconnect(self) -> Any:  # type: ignore[override]
+    def disconnect(self) -> None:  # type: ignore[override]
         """Closes both connections; does nothing when not connected.
 
         Raises:
             NetworkConnectionLostError: a connection could not be shut down (-8007).
         """
-    def close(self) -> Any:  # type: ignore[override]
+    def close(self) -> None:  # type: ignore[override]
         """Disconnects, ends the receive thread and frees the stream workers. Without close the
         interpreter does not exit; a second close does nothing. The base's verbose stays at its
         default, so the lines are printed.
