@@ -100,10 +100,11 @@ std::vector<std::string_view> splitTop(std::string_view s) {
     return out;
 }
 
-// "a: T, b: U = 0" -> "a, b=0"; parameters that pybind11 left unnamed (arg0, ...) take no keyword.
+// "a: T, b: U = 0" -> "a, b=0"; parameters that pybind11 left unnamed (arg0, ...) take no keyword,
+// so "/" follows the last of them.
 std::string textSignature(std::string_view params) {
-    std::string out;
-    bool unnamed = false;
+    std::vector<std::string> items;
+    std::size_t slash = 0;
     for (std::string_view p : splitTop(params)) {
         std::string_view name = p.substr(0, p.find(':'));
         std::string item(name);
@@ -112,10 +113,13 @@ std::string textSignature(std::string_view params) {
             std::string_view value = p.substr(eq + 3);
             item += "=" + (value.find('<') == std::string_view::npos ? std::string(value) : std::string("..."));
         }
-        if (name.size() > 3 && name.substr(0, 3) == "arg" && name.find_first_not_of("0123456789", 3) == std::string_view::npos) unnamed = true;
-        out += (out.empty() ? "" : ", ") + item;
+        items.push_back(item);
+        if (name.size() > 3 && name.substr(0, 3) == "arg" && name.find_first_not_of("0123456789", 3) == std::string_view::npos)
+            slash = items.size();
     }
-    if (unnamed) out += ", /";
+    if (slash > 0) items.insert(items.begin() + static_cast<std::ptrdiff_t>(slash), "/");
+    std::string out;
+    for (const std::string& item : items) out += (out.empty() ? "" : ", ") + item;
     return out;
 }
 
