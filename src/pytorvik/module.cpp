@@ -4,6 +4,7 @@
 #include "bindings.hpp"
 #include "blocking.hpp"
 #include "device/device_binding.hpp"
+#include "docs/docs.hpp"
 #include "measure/signal_queue.hpp"
 #include "services/modules.hpp"
 
@@ -62,4 +63,12 @@ PYBIND11_MODULE(pytorvik, m) {
     tb::bindDataLogger(m);
     tb::bindBroadcastModule(m);
     tb::bindHandles(m);
+    tb::documentWire(m);
+    tb::documentTransport(m);
+    tb::documentDevice(m);
+    tb::documentServices(m);
+    tb::documentMeasure(m);
+    tb::documentBus(m);
+    tb::documentLoggerAndProducts(m);
+    tb::finishSignatures(m);  // last: every function is bound and has its text by now
 }

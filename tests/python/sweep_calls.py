@@ -277,7 +277,7 @@ def enumerate_calls(plan, stubs):
                 return
             seen.add(ident)
         params, _ = ps
-        params = [p for p in params if p[0] != "self"]
+        params = [p for p in params if p[0] not in ("self", "cls")]
         for pos in range(len(params)):
             for i in range(len(ODD)):
                 if not full and (i + pos + len(name)) % 5:
@@ -412,7 +412,7 @@ class Runner:
             owner = getattr(t, key[4:])
         else:
             owner = self.obj(key)
-        params = [p for p in stubs_for(key, name)[0] if p[0] != "self"]
+        params = [p for p in stubs_for(key, name)[0] if p[0] not in ("self", "cls")]
         args, kwargs = [], {}
         shown = []
         for j, (pname, annotation, has_default) in enumerate(params):

@@ -70,8 +70,8 @@ def _stub_params(node, method):
     positional = posonly + a.args
     defaults = [False] * (len(positional) - len(a.defaults)) + [True] * len(a.defaults)
     out = [(p.arg, "positional" if p in posonly else "either", d) for p, d in zip(positional, defaults)]
-    if method and out and out[0][0] == "self":
-        out = out[1:]
+    if method and out and out[0][1] != "var":
+        out = out[1:]  # the receiver, whatever its name
     if a.vararg:
         out.append(("*", "var", False))
     out += [(p.arg, "keyword", d is not None) for p, d in zip(a.kwonlyargs, a.kw_defaults)]
@@ -80,37 +80,18 @@ def _stub_params(node, method):
     return out
 
 
-def _generator():
-    if not _gen:
-        found = importlib.util.spec_from_file_location("gen_stubs", os.path.join(ROOT, "tools", "gen_stubs.py"))
-        _gen.append(importlib.util.module_from_spec(found))
-        found.loader.exec_module(_gen[0])
-    return _gen[0]
-
-
-_gen = []
-
-
 def _runtime_params(fn, method):
-    """The same for the run-time callable, or None where it does not say (overloads, plain slots)."""
-    import re
-    doc = (getattr(fn, "__doc__", None) or "").strip().splitlines()
-    m = re.match(r"^(\w+)\((.*)\) -> (.+)$", doc[0]) if doc else None
-    if not m or "Overloaded function." in doc:
+    """The same for the run-time callable, or None where it has no single signature (overloads)."""
+    import inspect
+    try:
+        sig = inspect.signature(getattr(fn, "__func__", fn))  # methods sit in instancemethod wrappers
+    except (TypeError, ValueError):
         return None
-    out = []
-    for p in _generator().split_params(m.group(2)):
-        name, _, rest = p.partition(":")
-        name = name.strip()
-        if name in ("*args", "**kwargs"):
-            out.append((name.rstrip("args").rstrip("kw"), "var", False))
-        else:  # the binding's unnamed parameters take no keyword
-            out.append((name, "positional" if re.match(r"arg\d+$", name) else "either", "=" in rest))
-    if method and type(fn).__name__ != "instancemethod" and out and out[0][0] == "self":
-        out = out[1:]
-    elif method and type(fn).__name__ == "instancemethod":
-        out = out[1:]  # a function bound as a method: its first parameter receives the instance
-    return out
+    kinds = {inspect.Parameter.POSITIONAL_ONLY: "positional", inspect.Parameter.POSITIONAL_OR_KEYWORD: "either",
+             inspect.Parameter.KEYWORD_ONLY: "keyword"}
+    out = [(p.name, kinds[p.kind], p.default is not p.empty) if p.kind in kinds else
+           ("*" if p.kind == p.VAR_POSITIONAL else "**", "var", False) for p in sig.parameters.values()]
+    return out[1:] if method else out
 
 
 def test_every_stub_signature_is_what_the_run_time_accepts():

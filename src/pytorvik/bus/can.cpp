@@ -527,7 +527,7 @@ void bindCAN(py::module_& m) {
         .def("setID", [](py::handle self) { setID(self); })
         .def("__getstate__", &frameState);
     py::setattr(frame.object(), "fromU8List",
-                py::module_::import("builtins").attr("classmethod")(py::cpp_function(&fromU8List, py::name("fromU8List"))));
+                py::module_::import("builtins").attr("classmethod")(py::cpp_function(&fromU8List, py::name("fromU8List"), py::arg("cls"), py::arg("u8_list"))));
     g_frame_class = frame.object();
     g_frame_state = new FrameClassState();
     // __setattr__ is not the class's own: a script that gives it one gets its frames through it.
