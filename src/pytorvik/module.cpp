@@ -62,4 +62,5 @@ PYBIND11_MODULE(pytorvik, m) {
     tb::bindDataLogger(m);
     tb::bindBroadcastModule(m);
     tb::bindHandles(m);
+    tb::bindContextManagers(m);
 }
