@@ -143,3 +143,51 @@ def test_exit_uses_the_handles_own_close():
         pass
     assert closed == [True]
     assert_ended(dev)
+
+
+ENUM_CASES = [
+    ("TorvikUsbMixed", "AI_setMode_async", (0, "AIMode.CONTINUOUS"), [0, 2]),
+    ("TorvikUsbMixed", "AO_setMode_async", (0, "AOMode.N_SAMPLES"), [0, 1]),
+    ("TorvikUsbMixed", "AO_setForm_async", (0, 1, "AOForm.SINE"), [0, 0, 1, 3]),
+    ("TorvikUsbCan", "CAN_setSpeed_async", (1, "CANSpeed.K500"), [1, 2]),
+    ("TorvikUsbCan", "CAN_setRXFilterOrMask_async", (1, "CANFilterIndex.MASK1", 0x7FF, []), [1, 7, 0xFF, 0xE0] + [0] * 10),
+    ("TorvikUsbCan", "I2C_setClockRate_async", (1, "I2CClockRate.HIGH_SPEED"), [1, 0x00, 0x33, 0xE1, 0x40]),
+    ("TorvikUsbCan", "I2C_setAddressSize_async", (1, "I2CAddressSize.BITS_10"), [1, 1]),
+    ("TorvikUsbCan", "SPI_setMode_async", (2, "SPIMode.MODE2"), [2, 0]),  # CPOL 1 first, then this CPHA 0
+    ("TorvikUsbCan", "SPI_setDataSize_async", (2, "SPIDataSize.BITS_16"), [2, 1]),
+    ("TorvikUsbCan", "SPI_setFirstBit_async", (2, "SPIFirstBit.LSB"), [2, 1]),
+    ("TorvikUsbCan", "UART_setDataBit_async", (1, "UARTDataBits.BITS_9"), [1, 1]),
+    ("TorvikUsbCan", "UART_setParity_async", (1, "UARTParity.ODD"), [1, 3]),
+    ("TorvikUsbCan", "UART_setNumStopBit_async", (2, "UARTStopBits.ONE_AND_HALF"), [2, 3]),
+    ("TorvikUsbThermo", "Thermal_setNoiseFilter_async", (1, 0, "ThermalNoiseFilter.HZ_50"), [1, 0, 1]),
+    ("TorvikUsbThermo", "Thermal_setOverSampling_async", (1, 1, "ThermalOverSampling.X16"), [1, 1, 4]),
+    ("TorvikUsbThermo", "Thermal_setType_async", (1, 0, "ThermocoupleType.T"), [1, 0, 7]),
+    ("TorvikUsbRtd", "Thermal_setType_async", (1, 1, "RTDType.THREE_WIRE"), [1, 1, 1]),
+]
+
+
+def named(arg):
+    """"AIMode.CONTINUOUS" -> pytorvik.AIMode.CONTINUOUS; anything else as it is."""
+    if isinstance(arg, str) and "." in arg:
+        cls, member = arg.split(".")
+        return getattr(getattr(pytorvik, cls), member)
+    return arg
+
+
+@pytest.mark.parametrize("product,op,args,wire", ENUM_CASES, ids=[next(a for a in c[2] if isinstance(a, str)) for c in ENUM_CASES])
+def test_named_values_pass_the_checks_and_go_out_as_their_ints(usb_unit, product, op, args, wire):
+    unit = usb_unit(product, firmware="model")
+    with getattr(pytorvik, product)() as dev:
+        dev.connect(unit.serial)
+        result = asyncio.run(getattr(dev, op)(*[named(a) for a in args]))
+        assert type(result) is int
+        assert list(unit.log()[-1].payload) == wire
+
+
+def test_named_values_stand_at_module_level_beside_all():
+    assert "AIMode" not in pytorvik.__all__ and "AIMode" in dir(pytorvik)
+    assert pytorvik.AIMode.CONTINUOUS == 2 and pytorvik.AOForm(3) is pytorvik.AOForm.SINE
+    assert [int(m) for m in pytorvik.CANFilterIndex] == list(range(8))
+    assert [m.name for m in pytorvik.PinMode][:4] == ["DISABLED", "IDLE", "DI", "DO"]
+    with pytest.raises(AttributeError, match="has no attribute 'AIModes'"):
+        pytorvik.AIModes
