@@ -17,6 +17,7 @@ import re
 import sys
 
 import pytorvik
+import pytorvik._enums
 
 # The marker for disjoint bases is newer than the mypy and typing_extensions releases that still
 # run on Python 3.8; there a no-op stands in for it.
@@ -266,6 +267,8 @@ def class_stub(cls):
 def main(out=sys.stdout):
     out.write(HEADER)
     names = [n for n in vars(pytorvik) if not (n.startswith("__") and n not in ("__version__", "__all__"))]
+    # The named values are loaded on first use: list them whether or not that has happened.
+    names += [n for n in pytorvik._enums.__all__ if n not in names]
     for name in names:
         v = getattr(pytorvik, name)
         if isinstance(v, type):
