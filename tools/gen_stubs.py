@@ -159,7 +159,7 @@ def function_stub(name, func, indent, method, note=""):
             params.insert(slash_position(kinds), "/")
     # A documented public function that states no result returns None.
     public = not name.startswith("_") and not name.endswith("_async")
-    ret = result_type(doc) or DUNDER_RESULTS.get(name) or ("None" if doc and public else "Any")
+    ret = DUNDER_RESULTS.get(name) or result_type(doc) or ("None" if doc and public else "Any")
     if name.endswith("_async"):
         ret = "Coroutine[Any, Any, %s]" % ret
     head = "%sdef %s(%s) -> %s:" % (indent, name, ", ".join(params), ret)

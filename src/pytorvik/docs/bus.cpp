@@ -146,6 +146,7 @@ void documentBus(py::module_& m) {
         {"CANModule.CAN_getPinMap", "The CAN ports and their pins (the handle's own table).", "",
          "dict[int, list[tuple[int, int]]]: port -> (hardware port, pin) cells."},
 
+        {"CANFrame.__repr__", "The frame's fields.", "", "str: e.g. CANFrame(id=0x123, id_format=0, remote=0, data=[...])."},
         {"CANFrame",
          "A CAN frame: identifier, format and remote flags, eight data bytes, and its 12-byte wire form.\n"
          "CANFrame(id_, id_format=0, remote=0, data=[0] * 8).",

@@ -7,6 +7,18 @@ void documentDevice(py::module_& m) {
     applyDocs(m, {
         {"Device.close", "Marks the object closed for good (killed); the subclasses' close also ends their threads.",
          "verbose (bool): print \"Closed handle (...)\"."},
+        {"Device.__enter__",
+         "Starts a `with` block: gives the handle itself. Leaving the block calls close(), also when\n"
+         "connect or the body raised, so that the handle's threads end and the script can exit.",
+         "", "Self: the handle."},
+        {"Device.__exit__", "Leaves a `with` block: calls the handle's close(). The block's exception propagates.",
+         "", "bool: False."},
+        {"Device.__aenter__", "Starts an `async with` block: gives the handle itself.", "",
+         "Coroutine[Any, Any, Self]: gives the handle."},
+        {"Device.__aexit__", "Leaves an `async with` block: calls the handle's close().", "",
+         "Coroutine[Any, Any, bool]: gives False."},
+        {"Device.__repr__", "The product, its address or serial number, and whether it is connected.", "",
+         "str: e.g. <TorvikLanLogic 127.0.0.5:7 connected>."},
         {"USBDevice.connect",
          "Opens the USB unit with this serial number and lets the receive thread run.\n"
          "A second connect while connected does nothing.",

@@ -19,6 +19,11 @@ void documentLoggerAndProducts(py::module_& m) {
          "filename (str): the file's path.\nclear_old (bool): True truncates, False appends.\n"
          "verbose (bool): print \"Opened file name: (...)\".",
          "", "OSError: the file cannot be opened.\nRuntimeError: the logger is open already."},
+        {"DataLogger.__enter__", "Starts a `with` block: gives the logger itself.", "", "Self: the logger."},
+        {"DataLogger.__exit__",
+         "Leaves a `with` block: waits until every queued row is written, then Logger_closeFile().\n"
+         "Unlike a bare Logger_closeFile, no queued row is lost.", "", "bool: False."},
+        {"DataLogger.__repr__", "The file and whether it is open.", "", "str: e.g. <DataLogger 'f.csv' open>."},
         {"DataLogger.Logger_writeHeader", "Queues a header row (a plain row).", "header (list[Any]): the column names."},
         {"DataLogger.Logger_writeValue", "Queues a row of one value.", "value (Any): the value."},
         {"DataLogger.Logger_writeList", "Queues one row.", "value_list (list[Any]): the row's values."},

@@ -99,7 +99,14 @@ void documentServices(py::module_& m) {
          "            finder.disconnect()\n"
          "        except NetworkConnectionLostError:\n"
          "            finder.connect_status_udp = False\n"
-         "        finder.close()"},
+         "        finder.close()\n\n"
+         "or simply `with DeviceFinder() as finder: finder.connect(); ...`, whose exit does that sequence."},
+        {"BroadcastDevice.__exit__",
+         "Leaves a `with` block: disconnects (a failing shutdown is expected on Linux and passed over),\n"
+         "then closes, so the receive thread ends. The block's exception, if any, propagates.",
+         "", "bool: False."},
+        {"BroadcastDevice.__aexit__", "Leaves an `async with` block as __exit__ does.", "",
+         "Coroutine[Any, Any, bool]: gives False."},
     });
 }
 

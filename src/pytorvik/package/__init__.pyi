@@ -1389,11 +1389,37 @@ class Device:
     def _getDeviceName(self) -> Any: ...
     def _checkCommandType(self, cmd: int, data: Any) -> Any: ...
     def _putToDataPool(self, cmd: int, data: Any) -> Any: ...
-    def __enter__(self: _Self) -> _Self: ...
-    def __aenter__(self: _Self) -> Coroutine[Any, Any, _Self]: ...
-    def __exit__(self, exc_type: Any, exc_value: Any, traceback: Any) -> None: ...
-    def __aexit__(self, exc_type: Any, exc_value: Any, traceback: Any) -> Coroutine[Any, Any, None]: ...
-    def __repr__(self) -> str: ...  # type: ignore[override]
+    def __enter__(self: _Self) -> _Self:
+        """Starts a `with` block: gives the handle itself. Leaving the block calls close(), also when
+        connect or the body raised, so that the handle's threads end and the script can exit.
+
+        Returns:
+            Self: the handle.
+        """
+    def __aenter__(self: _Self) -> Coroutine[Any, Any, _Self]:
+        """Starts an `async with` block: gives the handle itself.
+
+        Returns:
+            Coroutine[Any, Any, Self]: gives the handle.
+        """
+    def __exit__(self, exc_type: Any, exc_value: Any, traceback: Any) -> None:
+        """Leaves a `with` block: calls the handle's close(). The block's exception propagates.
+
+        Returns:
+            bool: False.
+        """
+    def __aexit__(self, exc_type: Any, exc_value: Any, traceback: Any) -> Coroutine[Any, Any, None]:
+        """Leaves an `async with` block: calls the handle's close().
+
+        Returns:
+            Coroutine[Any, Any, bool]: gives False.
+        """
+    def __repr__(self) -> str:  # type: ignore[override]
+        """The product, its address or serial number, and whether it is connected.
+
+        Returns:
+            str: e.g. <TorvikLanLogic 127.0.0.5:7 connected>.
+        """
 
 class USBDevice(Device):
     """Base of the USB units: one USBClient while connected, and its thread."""
@@ -1555,8 +1581,19 @@ class BroadcastDevice(Device):
         """
     def _recvUDPThread(self) -> Any: ...
     client_udp: Any
-    def __exit__(self, exc_type: Any, exc_value: Any, traceback: Any) -> None: ...  # type: ignore[override]
-    def __aexit__(self, exc_type: Any, exc_value: Any, traceback: Any) -> Coroutine[Any, Any, None]: ...  # type: ignore[override]
+    def __exit__(self, exc_type: Any, exc_value: Any, traceback: Any) -> None:  # type: ignore[override]
+        """Leaves a `with` block: disconnects (a failing shutdown is expected on Linux and passed over),
+        then closes, so the receive thread ends. The block's exception, if any, propagates.
+
+        Returns:
+            bool: False.
+        """
+    def __aexit__(self, exc_type: Any, exc_value: Any, traceback: Any) -> Coroutine[Any, Any, None]:  # type: ignore[override]
+        """Leaves an `async with` block as __exit__ does.
+
+        Returns:
+            Coroutine[Any, Any, bool]: gives False.
+        """
 
 class Packet:
     """The request/reply layer: framing, sending, and waiting for replies."""
@@ -3095,7 +3132,12 @@ class CANFrame(_CANFrameWire):
     remote: Any
     def __init__(self, id_: Any, id_format: Any = ..., remote: Any = ..., data: Any = ...) -> None: ...  # type: ignore[override]
     def __str__(self) -> str: ...  # type: ignore[override]
-    def __repr__(self) -> str: ...  # type: ignore[override]
+    def __repr__(self) -> str:  # type: ignore[override]
+        """The frame's fields.
+
+        Returns:
+            str: e.g. CANFrame(id=0x123, id_format=0, remote=0, data=[...]).
+        """
     def regularizeData(self, data: list[int]) -> list[int]:
         """A new list of exactly eight bytes: padded with zeros behind, or cut.
 
@@ -3515,9 +3557,25 @@ class DataLogger:
         Args:
             verbose (bool): print "Close file name: (...)".
         """
-    def __enter__(self: _Self) -> _Self: ...
-    def __exit__(self, exc_type: Any, exc_value: Any, traceback: Any) -> None: ...
-    def __repr__(self) -> str: ...  # type: ignore[override]
+    def __enter__(self: _Self) -> _Self:
+        """Starts a `with` block: gives the logger itself.
+
+        Returns:
+            Self: the logger.
+        """
+    def __exit__(self, exc_type: Any, exc_value: Any, traceback: Any) -> None:
+        """Leaves a `with` block: waits until every queued row is written, then Logger_closeFile().
+        Unlike a bare Logger_closeFile, no queued row is lost.
+
+        Returns:
+            bool: False.
+        """
+    def __repr__(self) -> str:  # type: ignore[override]
+        """The file and whether it is open.
+
+        Returns:
+            str: e.g. <DataLogger 'f.csv' open>.
+        """
 
 class BroadcastModule(Packet):
     """Finds units: USB units on the bus, network units by broadcast."""
@@ -3584,6 +3642,8 @@ class DeviceFinder(BroadcastDevice, BroadcastModule):
             except NetworkConnectionLostError:
                 finder.connect_status_udp = False
             finder.close()
+
+    or simply `with DeviceFinder() as finder: finder.connect(); ...`, whose exit does that sequence.
     """
 
 class TorvikLanLogic(ETHDevice, SystemModule, NetworkModule, DIOModule):
