@@ -21,6 +21,36 @@ py::module_* g_module = nullptr;  // leaked: threads may use it during shutdown
 
 py::module_& moduleObject() { return *g_module; }
 
+namespace {
+
+// The named values (IntEnums) live in pytorvik._enums, loaded when a script first asks for one,
+// and then stand in the module's namespace like every other name.
+py::object namedValues() { return py::module_::import("pytorvik._enums"); }
+
+py::object moduleGetattr(const py::str& name) {
+    const std::string text = name;
+    const bool dunder = text.size() > 4 && text.rfind("__", 0) == 0 && text.compare(text.size() - 2, 2, "__") == 0;
+    if (!dunder) {
+        py::object values = namedValues();
+        if (py::list(values.attr("__all__")).contains(name)) {
+            for (py::handle n : values.attr("__all__")) moduleObject().attr(n) = values.attr(n);
+            return values.attr(name);
+        }
+    }
+    PyErr_Format(PyExc_AttributeError, "module 'pytorvik' has no attribute '%U'", name.ptr());
+    throw py::error_already_set();
+}
+
+py::list moduleDir() {
+    py::list names = py::list(moduleObject().attr("__dict__").attr("keys")());
+    for (py::handle n : namedValues().attr("__all__"))
+        if (!names.contains(n)) names.append(n);
+    names.attr("sort")();
+    return names;
+}
+
+}  // namespace
+
 }  // namespace torvik::py_binding
 
 namespace tb = torvik::py_binding;
@@ -62,4 +92,7 @@ PYBIND11_MODULE(pytorvik, m) {
     tb::bindDataLogger(m);
     tb::bindBroadcastModule(m);
     tb::bindHandles(m);
+    tb::bindContextManagers(m);
+    m.def("__getattr__", &tb::moduleGetattr, py::arg("name"));
+    m.def("__dir__", &tb::moduleDir);
 }

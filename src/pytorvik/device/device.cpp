@@ -226,6 +226,7 @@ py::object networkConnect(py::handle self, py::handle ip_addr, py::handle port, 
     if (truthy(self.attr("connect_status_cmd"))) return py::none();
     self.attr("connect_status_cmd") = self.attr("client_cmd").attr("connect")(ip_addr, port);
     self.attr("ip_addr") = ip_addr;
+    self.attr("_port") = port;  // for the repr only
     self.attr("recv_cmd_lock").attr("release")();
     if (truthy(verbose)) say(self, "Connected to ", self.attr("ip_addr"));
     return self.attr("connect_status_cmd");

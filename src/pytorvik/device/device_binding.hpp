@@ -48,5 +48,7 @@ void bindGate(py::module_& m);
 void bindPools(py::module_& m);
 void bindDevices(py::module_& m);
 void bindPacket(py::module_& m);
+// `with`, `async with` and reprs of the device bases; after the handles exist.
+void bindContextManagers(py::module_& m);
 
 }  // namespace torvik::py_binding

@@ -3,7 +3,11 @@
 // gate and on the queue without the GIL, and takes it only to hand an item to the csv module's
 // writer, whose bytes are the standard ones by construction.
 #include <chrono>
+#include <future>
+#include <memory>
+#include <mutex>
 
+#include "args.hpp"
 #include "bindings.hpp"
 #include "device/device_binding.hpp"
 #include "pyclass.hpp"
@@ -73,15 +77,68 @@ void writeList(py::handle self, py::handle value_list) {
     self.attr("Logger_write2DList")(rows);
 }
 
-void closeFile(py::handle self, py::handle verbose) {
-    // The order is the contract: the file closes first, so rows still queued are not written.
-    self.attr("f_handle").attr("close")();
+// Sets the end flag and wakes the worker wherever it waits, at its gate or on the queue.
+void endWorker(py::handle self) {
     self.attr("killed") = true;
     py::object lock = self.attr("save_data_lock");
     lock.attr("acquire")(false);
     self.attr("save_data_queue").attr("put")(py::none());
     lock.attr("release")();
+}
+
+void closeFile(py::handle self, py::handle verbose) {
+    // The order is the contract: the file closes first, so rows still queued are not written.
+    self.attr("f_handle").attr("close")();
+    endWorker(self);
     if (isTrue(verbose)) py::print(py::str("Close file name: (") + py::str(self.attr("filename")) + py::str(")"));
+}
+
+// A queue item that writes no row and tells, when the worker reaches it, that every item queued
+// before it has been written: the worker hands it to writerows, which iterates it.
+struct DrainMark {
+    struct State {
+        std::promise<void> reached;
+        std::once_flag once;
+    };
+    std::shared_ptr<State> state = std::make_shared<State>();
+};
+
+// Waits (without the GIL) until the worker has written all that is queued now, or has ended.
+void waitDrained(py::handle self) {
+    DrainMark mark;
+    std::future<void> reached = mark.state->reached.get_future();
+    self.attr("save_data_queue").attr("put")(py::cast(mark));
+    py::object worker = self.attr("save_data_thread");
+    for (;;) {
+        {
+            py::gil_scoped_release nogil;
+            if (reached.wait_for(std::chrono::milliseconds(50)) == std::future_status::ready) return;
+        }
+        if (PyErr_CheckSignals() != 0) throw py::error_already_set();
+        if (!args::truth(worker.attr("is_alive")())) return;
+    }
+}
+
+// Leaving a `with` block: nothing queued is lost. A logger that never opened a file has nowhere
+// to write: its queued rows are dropped (the worker would fail on the first) and it is ended.
+bool exitLogger(py::handle self) {
+    if (args::truth(self.attr("killed"))) return false;
+    if (!py::hasattr(self, "f_handle")) {
+        if (auto q = streamQueueOf(self.attr("save_data_queue"))) q->takeUpTo(q->size());
+        endWorker(self);
+        return false;
+    }
+    waitDrained(self);
+    self.attr("Logger_closeFile")();
+    return false;
+}
+
+py::str loggerRepr(py::handle self) {
+    py::str name = py::type::handle_of(self).attr("__qualname__");
+    py::object file = py::getattr(self, "filename", py::none());
+    const char* state = args::truth(self.attr("killed")) ? "closed" : file.is_none() ? "no file" : "open";
+    if (file.is_none()) return py::str("<{} {}>").format(name, state);
+    return py::str("<{} {!r} {}>").format(name, file, state);
 }
 
 }  // namespace
@@ -101,7 +158,15 @@ void bindDataLogger(py::module_& m) {
              py::arg("value"))
         .def("Logger_writeList", &writeList, py::arg("value_list"))
         .def("Logger_write2DList", &write2DList, py::arg("value_mat"))
-        .def("Logger_closeFile", &closeFile, py::arg("verbose") = true);
+        .def("Logger_closeFile", &closeFile, py::arg("verbose") = true)
+        .def("__enter__", [](py::object self) { return self; })
+        .def("__exit__", [](py::handle self, py::handle, py::handle, py::handle) { return exitLogger(self); }, py::arg("exc_type"),
+             py::arg("exc_value"), py::arg("traceback"))
+        .def("__repr__", &loggerRepr);
+    py::class_<DrainMark>(base.object(), "_DrainMark").def("__iter__", [](DrainMark& d) {
+        std::call_once(d.state->once, [&] { d.state->reached.set_value(); });
+        return py::iter(py::tuple());
+    });
     // The exported class derives from the logger with nothing added, as the handles derive from
     // their bases.
     PyClass(m, "DataLogger", py::make_tuple(base.object()), "Writes rows to a CSV file from a worker thread.");
