@@ -7,11 +7,13 @@ The module is compiled, so its signatures come from the docstrings that the bind
 coroutines. A test regenerates the stubs and compares, and runs stubtest on them.
 """
 import contextlib
+import enum
 import io
 import re
 import sys
 
 import pytorvik
+import pytorvik._enums
 
 # The marker for disjoint bases is newer than the mypy and typing_extensions releases that still
 # run on Python 3.8; there a no-op stands in for it.
@@ -240,9 +242,6 @@ def enum_stub(cls):
 
 
 def main(out=sys.stdout):
-    import enum
-
-    import pytorvik._enums
     out.write(HEADER)
     names = [n for n in vars(pytorvik) if not (n.startswith("__") and n not in ("__version__", "__all__"))]
     # The named values are loaded on first use: list them whether or not that has happened.

@@ -70,12 +70,12 @@ def test_bad_arguments_of_pools_and_stream_reads(can_dev):
     assert type(e) is OverflowError
     e = bad(dev._checkCommandType, "1", b"")
     assert type(e) is TypeError and "cannot be interpreted as an integer" in str(e)
-    dev.uart_p1_signal_queue.put(b"a")  # a read with data waiting gets to its count and delay
+    dev.uart_p1_signal_queue.put(ord("a"))  # a read with data waiting gets to its count and delay
     e = bad(dev.UART_read_async, 1, 1, "x")
     assert type(e) is TypeError and "'<=' not supported between instances of 'str' and 'int'" in str(e)
     for n in (10 ** 400, -2 ** 70):  # a count beyond any queue takes all, as min() and `> -1` decide
-        dev.uart_p1_signal_queue.put(b"b")
-        assert asyncio.run(dev.UART_read_async(1, n, 0))[-1] == b"b" and dev.uart_p1_signal_queue.qsize() == 0
+        dev.uart_p1_signal_queue.put(ord("b"))
+        assert asyncio.run(dev.UART_read_async(1, n, 0))[-1] == "b" and dev.uart_p1_signal_queue.qsize() == 0
 
 
 def test_unsaid_frame_bytes_fail_as_python_operators_do():

@@ -523,6 +523,14 @@ void bindCAN(py::module_& m) {
                  return py::str("CANFrame(id={}, id_format={}, remote={}, data={})")
                      .format(self.attr("id"), self.attr("id_format"), self.attr("remote"), self.attr("data"));
              })
+        // As __str__, with the identifier in hex, as CAN tools show it.
+        .def("__repr__",
+             [](py::handle self) {
+                 py::object id = self.attr("id");
+                 py::object shown = PyLong_Check(id.ptr()) ? py::module_::import("builtins").attr("hex")(id) : py::repr(id);
+                 return py::str("CANFrame(id={}, id_format={!r}, remote={!r}, data={!r})")
+                     .format(shown, self.attr("id_format"), self.attr("remote"), self.attr("data"));
+             })
         .def("regularizeData", [](py::handle, py::handle data) { return regularizeData(data); }, py::arg("data"))
         .def("setID", [](py::handle self) { setID(self); })
         .def("__getstate__", &frameState);

@@ -71,12 +71,12 @@ py::str stateOf(py::handle self) {
 
 py::str handleRepr(py::handle self) {
     py::str where = whereOf(self);
-    py::str name = py::type::handle_of(self).attr("__qualname__");
+    py::str name = py::type::handle_of(self).attr("__name__");
     if (py::len(where) == 0) return py::str("<{} {}>").format(name, stateOf(self));
     return py::str("<{} {} {}>").format(name, where, stateOf(self));
 }
 
-void defineExit(py::handle cls, Closer close) {
+void defineExit(py::handle cls, Closer close, const char* async_qualname) {
     py::setattr(cls, "__exit__",
                 py::cpp_function(
                     [close](py::handle self, py::handle, py::handle, py::handle) {
@@ -84,11 +84,10 @@ void defineExit(py::handle cls, Closer close) {
                         return false;
                     },
                     py::name("__exit__"), py::is_method(cls), py::arg("exc_type"), py::arg("exc_value"), py::arg("traceback")));
-    const char* qualname = close == &closeFinder ? "BroadcastDevice.__aexit__" : "Device.__aexit__";
     py::setattr(cls, "__aexit__",
                 py::cpp_function(
-                    [close, qualname](py::object self, py::handle, py::handle, py::handle) {
-                        return aio::makeOp(exitBody(std::move(self), close), qualname);
+                    [close, async_qualname](py::object self, py::handle, py::handle, py::handle) {
+                        return aio::makeOp(exitBody(std::move(self), close), async_qualname);
                     },
                     py::name("__aexit__"), py::is_method(cls), py::arg("exc_type"), py::arg("exc_value"), py::arg("traceback")));
 }
@@ -101,8 +100,8 @@ void bindContextManagers(py::module_& m) {
     py::setattr(device, "__aenter__",
                 py::cpp_function([](py::object self) { return aio::makeOp(enterBody(std::move(self)), "Device.__aenter__"); },
                                  py::name("__aenter__"), py::is_method(device)));
-    defineExit(device, &closeHandle);
-    defineExit(m.attr("BroadcastDevice"), &closeFinder);
+    defineExit(device, &closeHandle, "Device.__aexit__");
+    defineExit(m.attr("BroadcastDevice"), &closeFinder, "BroadcastDevice.__aexit__");
     py::setattr(device, "__repr__", py::cpp_function(&handleRepr, py::name("__repr__"), py::is_method(device)));
 }
 

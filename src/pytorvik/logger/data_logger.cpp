@@ -134,7 +134,7 @@ bool exitLogger(py::handle self) {
 }
 
 py::str loggerRepr(py::handle self) {
-    py::str name = py::type::handle_of(self).attr("__qualname__");
+    py::str name = py::type::handle_of(self).attr("__name__");
     py::object file = py::getattr(self, "filename", py::none());
     const char* state = args::truth(self.attr("killed")) ? "closed" : file.is_none() ? "no file" : "open";
     if (file.is_none()) return py::str("<{} {}>").format(name, state);

@@ -101,6 +101,9 @@ public:
         if (rc != 0) throw py::error_already_set();
     }
 
+    // A reader gets chr() of every entry, whatever put it there.
+    py::object decodeOther(py::object item) const override { return py::module_::import("builtins").attr("chr")(item); }
+
 private:
     PyObject* chars_[256];  // kept for the process, as the strings of the interpreter's own table
 };
@@ -165,9 +168,15 @@ py::list takeDecoded(const SignalQueue& q, std::size_t n, const RecordDecoder* d
     py::list out;
     CollectorPause pause;
     const RecordDecoder& d = decoder ? *decoder : *q.decoder;
+    std::vector<Py_ssize_t> others;
     q.queue->take(
         n, [&](const std::uint8_t* records, std::size_t count) { d.decodeRun(records, count, out); },
-        [&](device::StreamItem&& other) { out.append(streamItemToPython(std::move(other))); });
+        [&](device::StreamItem&& other) {
+            others.push_back(PyList_GET_SIZE(out.ptr()));
+            out.append(streamItemToPython(std::move(other)));
+        });
+    // Decoded once the queue's step is over: a decoding that fails must not fail inside it.
+    for (Py_ssize_t i : others) out[i] = d.decodeOther(out[i]);
     return out;
 }
 

@@ -18,6 +18,8 @@ public:
     virtual ~RecordDecoder() = default;
     // Appends one Python value per record of the run to `out`.
     virtual void decodeRun(const std::uint8_t* records, std::size_t count, py::list& out) const = 0;
+    // What an entry that a script put into the queue itself becomes: by default the entry as it is.
+    virtual py::object decodeOther(py::object item) const { return item; }
 };
 
 struct SignalQueue {

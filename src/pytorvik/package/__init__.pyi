@@ -1091,6 +1091,7 @@ class CANFrame(_CANFrameWire):
     remote: Any
     def __init__(self, id_: Any, id_format: Any = ..., remote: Any = ..., data: Any = ...) -> None: ...  # type: ignore[override]
     def __str__(self) -> str: ...  # type: ignore[override]
+    def __repr__(self) -> str: ...  # type: ignore[override]
     def regularizeData(self, data: Any) -> Any: ...
     def setID(self) -> None: ...
     def __getstate__(self) -> Any: ...  # type: ignore[override]
