@@ -599,6 +599,8 @@ class Sim:
     --usb specs (CLASS:SERIAL[,product=TEXT][,transfer=bulk|interrupt][,canbus=NAME]).
     """
 
+    units: List[Unit]
+
     def __init__(self, *units, usb=(), control=None, binary=None, start_timeout=10.0):
         if not units and not usb:
             raise ValueError("no units")
@@ -608,7 +610,7 @@ class Sim:
         self.start_timeout = start_timeout
         self.control_path = control
         self.proc = None
-        self.units: List[Unit] = []
+        self.units = []
         self.returncode = None
         self._stderr = None
         self._ctl = None
