@@ -3,7 +3,7 @@
 Usage: python CAN_read.py [HANDLE] [SERIAL [SECONDS]]    (default: the sample serial 21JA1312, 2 seconds)
 
 The bus runs at 500 kbit/s; it needs its terminations and at least one other node. Under
-torvik-sim the emulator's tester node sends 20 frames a second.
+torvik-sim the emulator's tester node sends 20 frames a second during the first half of the time.
 """
 from __future__ import annotations
 
@@ -21,7 +21,7 @@ async def main(seconds: float) -> None:
         await dev.CAN_start_async(port)  # frames arrive from here on
         unit = target.emulated(dev)
         if unit:
-            unit.can_stream(rate=20, id_=0x2AA, count=int(seconds * 20))
+            unit.can_stream(rate=20, id_=0x2AA, count=int(seconds * 10))
         total = 0
         end = time.monotonic() + seconds
         while time.monotonic() < end:

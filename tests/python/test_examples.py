@@ -59,8 +59,8 @@ CASES = {
     "RTD_read_channel_data_with_logger": ([], ["TorvikUsbRtd"], ["10 reads logged"]),
     "CAN_write": ([], ["TorvikUsbCan"], ["write CANFrame(id=291, id_format=0, remote=0, data=[17, 34, 51, 0, 0, 0, 0, 0]): 0",
                                          "counters: [3, 0, "]),
-    "CAN_read": ([], ["TorvikUsbCan"], ["CANFrame(id=682, id_format=0, remote=0, data=[0, 0, 0, 0, 0, 0, 0, 39])",
-                                        "40 frames in 2 s"]),
+    "CAN_read": ([], ["TorvikUsbCan"], ["CANFrame(id=682, id_format=0, remote=0, data=[0, 0, 0, 0, 0, 0, 0, 19])",
+                                        "20 frames in 2 s"]),
     "get_USB_info": ([], ["TorvikUsbSink:21JA1298", "TorvikUsbLogic:21JA1299,product=Bench-Logic"],
                      ["serial number: 21JA1299, product: Bench-Logic", "driver info: ['Torvik-USB-Logic'"]),
 }
