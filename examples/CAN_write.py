@@ -4,6 +4,8 @@ Usage: python CAN_write.py [HANDLE] [SERIAL]    (default: the sample serial 21JA
 
 Another node on the bus must acknowledge the frames.
 """
+from __future__ import annotations
+
 import pytorvik
 import target
 
@@ -14,14 +16,16 @@ FRAMES = [  # (identifier, data, remote, extended)
 ]
 
 
-async def main(dev):
-    port = target.cat_port(dev, "CAN", 1)  # the catalogue's CAN port of this handle
-    print("open CAN port %d:" % port, await dev.CAN_open_async(port))
-    for id_, data, remote, extended in FRAMES:
-        status = await dev.CAN_write_async(port, id_, data, remote, extended)
-        print("write %s: %d" % (pytorvik.CANFrame(id_, int(extended), int(remote), data), status))
-    print("counters:", await dev._CAN_getCounters_async(port))
-    print("close:", await dev.CAN_close_async(port))
+async def main() -> None:
+    async with target.handle("21JA1312", pytorvik.TorvikUsbCan) as dev:
+        target.connect(dev)
+        port = target.cat_port(dev, "CAN", 1)  # the catalogue's CAN port of this handle
+        print("open CAN port %d:" % port, await dev.CAN_open_async(port))
+        for id_, data, remote, extended in FRAMES:
+            status = await dev.CAN_write_async(port, id_, data, remote, extended)
+            print("write %s: %d" % (pytorvik.CANFrame(id_, int(extended), int(remote), data), status))
+        print("counters:", await dev._CAN_getCounters_async(port))
+        print("close:", await dev.CAN_close_async(port))
 
 
-target.run(main, target.open_usb("TorvikUsbCan", "21JA1312"))
+target.run(main())

@@ -2,29 +2,29 @@
 
 Usage: python TC_read_channel_data.py [HANDLE] [SERIAL]    (default: the sample serial 21JA1239)
 """
+from __future__ import annotations
+
 import asyncio
 
+import pytorvik
 import target
 
 PORT, READS, PERIOD = 1, 5, 0.2
-TYPE_K, FILTER_50HZ, OVERSAMPLE_4 = 3, 1, 2
 
 
-async def main(dev):
-    print("open:", await dev.Thermal_open_async(PORT))
-    for channel in (0, 1):
-        await dev.Thermal_setType_async(PORT, channel, TYPE_K)
-        await dev.Thermal_setNoiseFilter_async(PORT, channel, FILTER_50HZ)
-        await dev.Thermal_setOverSampling_async(PORT, channel, OVERSAMPLE_4)
-    for i in range(READS):
-        values = [await dev.Thermal_readSensor_async(PORT, channel) for channel in (0, 1)]
-        print("read %d: CH0 %.3f C, CH1 %.3f C" % (i, values[0], values[1]))
-        await asyncio.sleep(PERIOD)
-    print("close:", await dev.Thermal_close_async(PORT))
+async def main() -> None:
+    async with target.handle("21JA1239", pytorvik.TorvikUsbThermo) as dev:
+        target.connect(dev)
+        print("open:", await dev.Thermal_open_async(PORT))
+        for channel in (0, 1):
+            await dev.Thermal_setType_async(PORT, channel, pytorvik.ThermocoupleType.K)
+            await dev.Thermal_setNoiseFilter_async(PORT, channel, pytorvik.ThermalNoiseFilter.HZ_50)
+            await dev.Thermal_setOverSampling_async(PORT, channel, pytorvik.ThermalOverSampling.X4)
+        for i in range(READS):
+            values = [await dev.Thermal_readSensor_async(PORT, channel) for channel in (0, 1)]
+            print("read %d: CH0 %.3f C, CH1 %.3f C" % (i, values[0], values[1]))
+            await asyncio.sleep(PERIOD)
+        print("close:", await dev.Thermal_close_async(PORT))
 
 
-dev = target.open_handle(None, "TorvikUsbThermo", "21JA1239")
-try:
-    asyncio.run(main(dev))
-finally:
-    dev.close()
+target.run(main())

@@ -2,23 +2,22 @@
 
 Usage: python TC_read_channel_status.py [HANDLE] [SERIAL]    (default: the sample serial 21JA1239)
 """
-import asyncio
+from __future__ import annotations
 
+import pytorvik
 import target
 
 PORT = 1
 
 
-async def main(dev):
-    print("open:", await dev.Thermal_open_async(PORT))
-    for channel in (0, 1):
-        fault = await dev.Thermal_getStatus_async(PORT, channel)  # bit 0: open circuit
-        print("CH%d: %s" % (channel, "open circuit" if fault else "connected"))
-    print("close:", await dev.Thermal_close_async(PORT))
+async def main() -> None:
+    async with target.handle("21JA1239", pytorvik.TorvikUsbThermo) as dev:
+        target.connect(dev)
+        print("open:", await dev.Thermal_open_async(PORT))
+        for channel in (0, 1):
+            fault = await dev.Thermal_getStatus_async(PORT, channel)  # bit 0: open circuit
+            print("CH%d: %s" % (channel, "open circuit" if fault else "connected"))
+        print("close:", await dev.Thermal_close_async(PORT))
 
 
-dev = target.open_handle(None, "TorvikUsbThermo", "21JA1239")
-try:
-    asyncio.run(main(dev))
-finally:
-    dev.close()
+target.run(main())

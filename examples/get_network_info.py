@@ -2,24 +2,23 @@
 
 Usage: python get_network_info.py [HANDLE] [ADDRESS[:PORT]]    (default: the sample address 192.168.1.110)
 """
-import asyncio
+from __future__ import annotations
 
+import pytorvik
 import target
 
 
-async def main(dev):
-    print("driver info:  ", await dev.Sys_getDriverInfo_async())
-    print("serial number:", await dev.Sys_getSerialNumber_async())
-    print("clock:        ", await dev.Sys_getRTC_async())
-    ip, mask = await dev.Net_getIPAddrAndSubmask_async()
-    print("IP address:   ", ip)
-    print("subnet mask:  ", mask)
-    print("gateway:      ", await dev.Net_getGateway_async())
-    print("MAC address:  ", await dev.Net_getMACAddr_async())
+async def main() -> None:
+    async with target.handle("192.168.1.110", pytorvik.TorvikLanLogic) as dev:
+        target.connect(dev)
+        print("driver info:  ", await dev.Sys_getDriverInfo_async())
+        print("serial number:", await dev.Sys_getSerialNumber_async())
+        print("clock:        ", await dev.Sys_getRTC_async())
+        ip, mask = await dev.Net_getIPAddrAndSubmask_async()
+        print("IP address:   ", ip)
+        print("subnet mask:  ", mask)
+        print("gateway:      ", await dev.Net_getGateway_async())
+        print("MAC address:  ", await dev.Net_getMACAddr_async())
 
 
-dev = target.open_handle("TorvikLanLogic", "TorvikUsbSink", "192.168.1.110")
-try:
-    asyncio.run(main(dev))
-finally:
-    dev.close()
+target.run(main())

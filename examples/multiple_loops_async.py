@@ -1,24 +1,33 @@
 """Tutorial, multiple loops (asyncio): three coroutines share one unit, each at its own pace.
 
-Their requests interleave on the one connection; each reply goes to the coroutine that waits for it.
+Their requests interleave on the one connection. Replies are matched to requests by command code
+alone, so each coroutine asks something of its own: two operations of the same code at once on
+one handle would race for each other's replies.
 
 Usage: python multiple_loops_async.py [HANDLE] [TARGET]    (default: TorvikUsbLogic, serial 21JA1200)
 """
-import asyncio
+from __future__ import annotations
 
+import asyncio
+from typing import Any, Awaitable, Callable
+
+import pytorvik
 import target
 
 
-async def ask(dev, name, period, times):
+async def ask(name: str, operation: Callable[[], Awaitable[Any]], period: float, times: int) -> None:
     for i in range(times):
-        value = await dev.Sys_getRTC_async() if name == "clock" else await dev.Sys_getDriverInfo_async()
-        print("%s %d: %s" % (name, i, value))
+        print("%s %d: %s" % (name, i, await operation()))
         await asyncio.sleep(period)
 
 
-async def main(dev):
-    await asyncio.gather(ask(dev, "clock", 0.05, 6), ask(dev, "info", 0.08, 4), ask(dev, "clock", 0.03, 5))
-    print("all loops done")
+async def main() -> None:
+    async with target.handle("21JA1200", pytorvik.TorvikLanLogic, pytorvik.TorvikUsbLogic) as dev:
+        target.connect(dev)
+        await asyncio.gather(ask("clock", dev.Sys_getRTC_async, 0.05, 6),
+                             ask("info", dev.Sys_getDriverInfo_async, 0.08, 4),
+                             ask("serial", dev.Sys_getSerialNumber_async, 0.03, 5))
+        print("all loops done")
 
 
-target.run(main, target.open_handle("TorvikLanLogic", "TorvikUsbLogic", "21JA1200"))
+target.run(main())

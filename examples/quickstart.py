@@ -1,15 +1,28 @@
-"""Prints the library's version and splits a received byte stream into packets."""
+"""Quick start: connect to a digital Ethernet unit, read its identity, drive its outputs.
+
+Usage: python quickstart.py [ADDRESS[:PORT]]    (default: 192.168.1.110, port 7)
+
+Against the emulator, in one command:
+    torvik-sim --unit TorvikLanLogic@127.0.0.5:7007 -- python examples/quickstart.py 127.0.0.5:7007
+"""
+from __future__ import annotations
+
+import asyncio
+import sys
+
 import pytorvik
 
-print("pytorvik", pytorvik.__version__)
 
-# Two replies as a unit sends them, torn across three reads, with a stray byte in front.
-frames = bytes([0x55,
-                0x02, 0x00, 0x02, pytorvik.GET_DRIVER_INFO, 0x00, 0x0D, 0x0A,
-                0x02, 0x00, 0x04, pytorvik.GET_DATE_TIME, 0x0D, 0x0A, 0x02, 0x0D, 0x0A])
-client = pytorvik.Client()
-for chunk in (frames[:5], frames[5:12], frames[12:]):
-    client.stream += chunk
-    for cmd, data in client._splitPacket():
-        print("packet cmd=0x{:02X} data={}".format(cmd, list(data)))
-print("left over:", client.stream)
+async def main(address: str, port: int) -> None:
+    # Leaving the block closes the handle (also when connect or an operation raised): only
+    # closing ends the handle's threads, so that the script can end.
+    async with pytorvik.TorvikLanLogic() as dev:  # prints "Opened handle (Torvik-LAN-Logic)"
+        dev.connect(address, port=port)
+        print(await dev.Sys_getDriverInfo_async())  # ['Torvik-LAN-Logic', version, date]
+        print(await dev.DO_openPort_async(0))  # 0, or a firmware status (-7001 to -7023)
+        print(await dev.DO_writePort_async(0, [1, 0, 1, 0, 1, 0]))  # the port's levels, pin 0 first
+        print(await dev.DO_closePort_async(0))
+
+
+address, _, port = (sys.argv[1] if len(sys.argv) > 1 else "192.168.1.110").partition(":")
+asyncio.run(main(address, int(port) if port else pytorvik.TCP_CMD_PORT))

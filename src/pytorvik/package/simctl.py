@@ -38,7 +38,7 @@ import sysconfig
 import tempfile
 import threading
 import time
-from typing import NamedTuple, Optional
+from typing import List, NamedTuple, Optional
 
 __all__ = ["Sim", "Unit", "Frame", "SimError", "sim_binary", "loopback_addr", "unit_spec", "run_with_command",
            "clean_env"]
@@ -146,18 +146,18 @@ def _hex(data):
 class Unit:
     """One emulated unit of a running Sim, and the control requests that act on it."""
 
-    def __init__(self, sim, line):
+    def __init__(self, sim: "Sim", line: str) -> None:
         # "<class> <addr> cmd=<port> data=<port or -> serial=<serial>", and for USB units
         # "<class> usb:<n> cmd=- data=- serial=<serial> product=<product string>"
         line, _, product = line.partition(" product=")
         cls, addr, *fields = line.split()
         kv = dict(f.split("=", 1) for f in fields)
         self.sim = sim
-        self.cls = cls
-        self.addr = addr
-        self.cmd_port = None if kv["cmd"] == "-" else int(kv["cmd"])
-        self.data_port = None if kv["data"] == "-" else int(kv["data"])
-        self.serial = kv["serial"]
+        self.cls: str = cls
+        self.addr: str = addr
+        self.cmd_port: Optional[int] = None if kv["cmd"] == "-" else int(kv["cmd"])
+        self.data_port: Optional[int] = None if kv["data"] == "-" else int(kv["data"])
+        self.serial: str = kv["serial"]
         self.product = product or None
 
     def __repr__(self):
@@ -456,7 +456,8 @@ class Unit:
         """The tester sends one frame on the unit's bus."""
         self._do("can", "send", hex(id_), _hex(data), *(["ext"] if ext else []), *(["remote"] if remote else []))
 
-    def can_stream(self, rate=None, id_=0x100, ext=False, remote=False, count=None):
+    def can_stream(self, rate: Optional[float] = None, id_: int = 0x100, ext: bool = False, remote: bool = False,
+                   count: Optional[int] = None) -> None:
         """The tester streams frames carrying their sequence numbers: `rate` a second, or as fast
         as the receiving links take them (rate None); `count` frames, or without end."""
         args = ["fast" if rate is None else "rate=%g" % rate, "id=%s" % hex(id_)]
@@ -532,11 +533,11 @@ class Unit:
         fields = dict(f.split("=", 1) for f in self._do("uart", int(port)).split())
         return {k: v if k in ("loopback", "stream") else int(v) for k, v in fields.items()}
 
-    def uart_loopback(self, port, mode="paced"):
+    def uart_loopback(self, port: int, mode: str = "paced") -> None:
         """What the port writes comes back: "paced" (at the baud rate), "fast" (at once) or "off"."""
         self._do("uart", int(port), "loopback", mode)
 
-    def uart_send(self, port, data):
+    def uart_send(self, port: int, data: bytes) -> None:
         """The far end of the port sends `data`, at the baud rate."""
         self._do("uart", int(port), "send", _hex(data))
 
@@ -598,6 +599,8 @@ class Sim:
     --usb specs (CLASS:SERIAL[,product=TEXT][,transfer=bulk|interrupt][,canbus=NAME]).
     """
 
+    units: List[Unit]
+
     def __init__(self, *units, usb=(), control=None, binary=None, start_timeout=10.0):
         if not units and not usb:
             raise ValueError("no units")
@@ -615,7 +618,7 @@ class Sim:
         self._lock = threading.Lock()
 
     @classmethod
-    def attach(cls, control_path):
+    def attach(cls, control_path: str) -> "Sim":
         """A Sim for an emulator that runs already (this process's own, for instance); stop()
         leaves it running."""
         sim = cls.__new__(cls)
