@@ -55,8 +55,6 @@ def test_bound_operations_drop_the_receiver_and_keep_defaults():
     assert inspect.signature(pytorvik.DataLogger.Logger_closeFile).parameters["verbose"].default is True
 
 
-@pytest.mark.xfail(reason="the examples get their own annotations on branch issue21ex; the stubs already pass "
-                          "mypy --strict with --allow-untyped-defs/--allow-incomplete-defs", strict=False)
 def test_examples_type_check_strictly(tmp_path):
     """mypy --strict over every example, with the shipped stubs."""
     pytest.importorskip("mypy", reason="mypy is not installed (pip install .[test])")
