@@ -89,6 +89,38 @@ void EchoPool::cancelWait(std::uint32_t code, const Wakeable* waiter) {
     }
 }
 
+void BlockingWaiter::wake() noexcept {
+    {
+        std::lock_guard lock(m_);
+        woken_ = true;
+    }
+    cv_.notify_one();
+}
+
+bool BlockingWaiter::wait(std::optional<std::chrono::nanoseconds> limit) {
+    std::unique_lock lock(m_);
+    auto woken = [this] { return woken_; };
+    if (!limit) {
+        cv_.wait(lock, woken);
+        return true;
+    }
+    return cv_.wait_for(lock, *limit, woken);
+}
+
+std::optional<Bytes> EchoPool::takeWaiting(std::uint32_t code, std::optional<std::chrono::nanoseconds> limit,
+                                           AwaitedReply* announced) {
+    auto waiter = std::make_shared<BlockingWaiter>();
+    Bytes out;
+    const bool taken = takeOrWait(code, out, waiter);
+    if (announced != nullptr) announced->release();
+    if (taken) return out;
+    waiter->wait(limit);
+    cancelWait(code, waiter.get());
+    // Woken, or filed between the end of the wait and the cancel: the reply is in the pool
+    // unless another taker was quicker.
+    return take(code);
+}
+
 bool StreamQueue::put(StreamItem item, std::optional<std::chrono::nanoseconds> timeout) {
     return push(std::move(item), timeout, true);
 }

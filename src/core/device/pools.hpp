@@ -29,6 +29,21 @@ public:
     virtual void wake() noexcept = 0;
 };
 
+// A thread that blocks until a filing wakes it; woken once, for one registration.
+class BlockingWaiter final : public Wakeable {
+public:
+    void wake() noexcept override;
+    // Blocks until woken or until `limit` (nullopt: none) has passed; true when woken.
+    bool wait(std::optional<std::chrono::nanoseconds> limit);
+
+private:
+    std::mutex m_;
+    std::condition_variable cv_;
+    bool woken_ = false;  // guarded by m_
+};
+
+class AwaitedReply;
+
 // Latest unclaimed reply per command code.
 class EchoPool {
 public:
@@ -47,6 +62,13 @@ public:
     // cannot slip between the look and the registration.
     bool takeOrWait(std::uint32_t code, Bytes& out, const std::shared_ptr<Wakeable>& waiter);
     void cancelWait(std::uint32_t code, const Wakeable* waiter);
+
+    // Takes the reply of `code`, blocking the calling thread up to `limit` (nullopt: no limit)
+    // until a filing of that code wakes it; nothing is held while it blocks. Nullopt when the
+    // limit ran out or another taker was quicker. Its waiter is unregistered however it ends.
+    // `announced` (if any) is let go once the waiter is registered or the reply taken.
+    std::optional<Bytes> takeWaiting(std::uint32_t code, std::optional<std::chrono::nanoseconds> limit,
+                                     AwaitedReply* announced = nullptr);
 
     // Replies that operations wait for (registered waiters) or are about to send for (an
     // AwaitedReply alive). While it is zero a receive thread may let stream data gather before
