@@ -106,6 +106,9 @@ def _runtime_params(fn, method):
             out.append((name.rstrip("args").rstrip("kw"), "var", False))
         else:  # the binding's unnamed parameters take no keyword
             out.append((name, "positional" if re.match(r"arg\d+$", name) else "either", "=" in rest))
+    if ("/", "either", False) in out:  # a marker: what stands before it is positional only
+        cut = out.index(("/", "either", False))
+        out = [(n, "positional", d) for n, _, d in out[:cut]] + out[cut + 1:]
     if method and type(fn).__name__ != "instancemethod" and out and out[0][0] == "self":
         out = out[1:]
     elif method and type(fn).__name__ == "instancemethod":

@@ -9,6 +9,8 @@ else:
 
     def _disjoint_base(cls: _T) -> _T: ...
 
+_R = TypeVar("_R")
+
 __version__: str
 OPEN_CAN: int
 START_CAN: int
@@ -665,6 +667,7 @@ class Operation:
     def throw(self, typ: Any, val: Any = ..., tb: Any = ...) -> Any: ...
     def close(self) -> None: ...
     def __repr__(self) -> str: ...  # type: ignore[override]
+def run(operation: Coroutine[Any, Any, _R], /) -> _R: ...
 
 class Gate:
     """A lock without an owner: the gate a worker thread passes each round."""
