@@ -9,6 +9,7 @@ import warnings
 
 import pytest
 
+import devices
 import pytorvik as t
 from devices import Probe
 from pytorvik import simctl
@@ -105,6 +106,13 @@ def test_time_out_follows_the_retry_schedule_and_raises_the_loops_error(probe, n
             drive(dev._echoPacketWithRetry_async(t.GET_IP, [1], num_retries=num_retries, timeout=timeout))
         assert type(info.value) is asyncio.TimeoutError and str(info.value) == ""
         assert len(unit.log(t.GET_IP)) == sends
+
+
+def test_usb_commands_go_out_on_the_callers_thread(usb_unit, make_dev):
+    unit = usb_unit()  # skips unless pytest runs on the emulator's USB bus
+    dev = make_dev(devices.TorvikUsbSink)
+    dev.connect(unit.serial, verbose=False)
+    assert [t.run(dev._echoPacketWithRetry_async(t.GET_DRIVER_INFO, [i])) for i in range(3)] == [bytes([i, 0]) for i in range(3)]
 
 
 def test_a_retry_after_a_dropped_reply_gets_the_answer(probe):
