@@ -346,24 +346,30 @@ Co<> awaitCompletion(const py::object& loop, const std::function<void(Finished)>
 
 namespace {
 
+// One step of an awaitable's iterator, sending None or throwing `thrown` in: what it yields, or
+// nothing when it finished, with its value in `result`.
+std::optional<py::object> stepIterator(const py::object& it, py::object thrown, py::object& result) {
+    try {
+        return thrown ? it.attr("throw")(thrown) : it.attr("send")(py::none());
+    } catch (py::error_already_set& e) {
+        if (!e.matches(PyExc_StopIteration)) throw;
+        result = e.value().attr("value");
+        return std::nullopt;
+    }
+}
+
 // Drives an awaitable's iterator on this thread: our operations inside it block until done, and
 // a bare yield (asyncio.sleep(0)) just goes on; anything else needs an event loop.
 py::object driveBlocking(const py::object& it) {
-    py::object thrown;
-    for (;;) {
-        py::object yielded;
-        try {
-            yielded = thrown ? it.attr("throw")(std::exchange(thrown, py::object())) : it.attr("send")(py::none());
-        } catch (py::error_already_set& e) {
-            if (!e.matches(PyExc_StopIteration)) throw;
-            return e.value().attr("value");
-        }
+    py::object thrown, result;
+    while (auto yielded = stepIterator(it, std::exchange(thrown, py::object()), result)) {
         if (PyErr_CheckSignals() != 0) throw py::error_already_set();
-        if (!yielded.is_none())
+        if (!yielded->is_none())
             thrown = py::reinterpret_borrow<py::object>(PyExc_RuntimeError)(
-                "pytorvik.run() cannot wait for " + std::string(py::repr(yielded)) +
+                "pytorvik.run() cannot wait for " + std::string(py::repr(*yielded)) +
                 ": without an event loop only this library's operations can be awaited");
     }
+    return result;
 }
 
 }  // namespace
@@ -374,21 +380,15 @@ Co<> awaitObject(py::object awaitable) {
     }
     py::object it = awaitable.attr("__await__")();
     if (t_blocking > 0) co_return driveBlocking(it);
-    py::object thrown;
-    for (;;) {
-        py::object yielded;
+    py::object thrown, result;
+    while (auto yielded = stepIterator(it, std::exchange(thrown, py::object()), result)) {
         try {
-            yielded = thrown ? it.attr("throw")(std::exchange(thrown, py::object())) : it.attr("send")(py::none());
-        } catch (py::error_already_set& e) {
-            if (!e.matches(PyExc_StopIteration)) throw;
-            co_return e.value().attr("value");
-        }
-        try {
-            co_await Yield{yielded};
+            co_await Yield{*yielded};
         } catch (py::error_already_set& e) {
             thrown = e.value();  // handed to the inner awaitable on the next round
         }
     }
+    co_return result;
 }
 
 std::pair<bool, py::object> AsyncOp::outcome() {
