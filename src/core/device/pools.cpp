@@ -89,22 +89,15 @@ void EchoPool::cancelWait(std::uint32_t code, const Wakeable* waiter) {
     }
 }
 
-void BlockingWaiter::wake() noexcept {
-    {
-        std::lock_guard lock(m_);
-        woken_ = true;
-    }
-    cv_.notify_one();
-}
+// Woken at most once: a filing hands each registration to one wake, and a cancelled one gets none.
+void BlockingWaiter::wake() noexcept { woken_.release(); }
 
 bool BlockingWaiter::wait(std::optional<std::chrono::nanoseconds> limit) {
-    std::unique_lock lock(m_);
-    auto woken = [this] { return woken_; };
     if (!limit) {
-        cv_.wait(lock, woken);
+        woken_.acquire();
         return true;
     }
-    return cv_.wait_for(lock, *limit, woken);
+    return woken_.try_acquire_for(*limit);
 }
 
 std::optional<Bytes> EchoPool::takeWaiting(std::uint32_t code, std::optional<std::chrono::nanoseconds> limit,

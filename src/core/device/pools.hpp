@@ -13,6 +13,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <semaphore>
 #include <set>
 #include <utility>
 #include <unordered_map>
@@ -37,9 +38,9 @@ public:
     bool wait(std::optional<std::chrono::nanoseconds> limit);
 
 private:
-    std::mutex m_;
-    std::condition_variable cv_;
-    bool woken_ = false;  // guarded by m_
+    // A semaphore rather than a condition variable: a woken thread need not take a mutex back,
+    // whose release would cost a system call on each round trip.
+    std::binary_semaphore woken_{0};
 };
 
 class AwaitedReply;
