@@ -27,6 +27,7 @@ from typing import Any, Coroutine, Iterator, TypeVar
 from enum import IntEnum
 
 _Self = TypeVar("_Self")
+_R = TypeVar("_R")
 
 if sys.version_info >= (3, 9):
     from typing_extensions import disjoint_base as _disjoint_base

@@ -115,6 +115,49 @@ TEST(EchoPool, CountsAnnouncedAndRegisteredRepliesUntilFiledOrCancelled) {
     EXPECT_EQ(p->awaited().load(), 1);
 }
 
+TEST(EchoPool, ABlockingTakerIsWokenByItsFilingAndLeavesNoWaiterBehind) {
+    auto p = std::make_shared<EchoPool>();
+    std::thread filer([&] {
+        while (p->awaited().load() == 0) std::this_thread::yield();  // the taker is registered
+        p->put(8, {1});  // another code: no wake
+        p->put(7, {2});
+    });
+    AwaitedReply announced(p);
+    EXPECT_EQ(p->takeWaiting(7, std::nullopt, &announced), (Bytes{2}));
+    filer.join();
+    EXPECT_EQ(p->awaited().load(), 0);
+    EXPECT_EQ(p->codes(), (std::vector<std::uint32_t>{8}));
+}
+
+TEST(EchoPool, ABlockingTakeThatRunsOutUnregistersAndALateReplyStaysFiled) {
+    EchoPool p;
+    EXPECT_EQ(p.takeWaiting(7, 0ns), std::nullopt);
+    EXPECT_EQ(p.takeWaiting(7, 20ms), std::nullopt);
+    EXPECT_EQ(p.awaited().load(), 0);
+    p.put(7, {3});  // nobody to wake: the reply waits for the next taker
+    EXPECT_EQ(p.takeWaiting(7, 0ns), (Bytes{3}));
+}
+
+TEST(EchoPool, TwoBlockingTakersOfOneCodeShareItsRepliesAndNoWakeUpIsLost) {
+    // Each filing lands between, before or after the registrations; every reply is taken once.
+    for (int round = 0; round < 500; ++round) {
+        EchoPool p;
+        std::atomic<int> got{0};
+        auto taker = [&] {  // retries as its callers do when the other was quicker
+            for (auto end = std::chrono::steady_clock::now() + 10s; std::chrono::steady_clock::now() < end;)
+                if (p.takeWaiting(1, 10s)) return void(++got);
+        };
+        std::thread a(taker), b(taker);
+        p.put(1, {1});
+        while (p.contains(1)) std::this_thread::yield();
+        p.put(1, {2});
+        a.join();
+        b.join();
+        ASSERT_EQ(got.load(), 2);
+        ASSERT_EQ(p.awaited().load(), 0);
+    }
+}
+
 TEST(StreamQueue, APacedConsumerSleepsOutItsWindowUnlessAScriptPuts) {
     StreamQueue q;
     auto bytes = [](std::uint8_t b) { return StreamItem{StreamItem::Kind::Bytes, {b}, nullptr}; };

@@ -169,6 +169,7 @@ PORT_TABLES = [("AI_", "ai_dict"), ("AO_", "ao_dict"), ("DI_", "di_dict"), ("DO_
                ("TC_", "tc_dict"), ("RTD_", "rd_dict")]
 
 POSITIONAL_ONLY = re.compile(r"arg\d+$")  # the binding's unnamed parameters
+STUB_POSITIONAL_ONLY = {}  # function name: the names its stub puts before "/"
 HANDLES = list(t.HANDLE_LIST) + ["TorvikCore", "TorvikCoreMini", "TorvikDrive", "TorvikBox"]
 BROADCASTING = {"Bcst_enumerateNetworkDevices_async", "Bcst_checkMACAndSetIP_async", "Bcst_checkMACAndReboot_async",
                 "_broadcastPacket_async", "sendBcstPacket"}
@@ -203,6 +204,7 @@ def stub_signatures():
         return lines[node.lineno - 1][node.col_offset:node.end_col_offset]
 
     def params(fn):
+        STUB_POSITIONAL_ONLY.setdefault(fn.name, set()).update(a.arg for a in getattr(fn.args, "posonlyargs", []))
         args = getattr(fn.args, "posonlyargs", []) + fn.args.args
         defaults = [False] * (len(args) - len(fn.args.defaults)) + [True] * len(fn.args.defaults)
         ps = [(a.arg, text(a.annotation), d) for a, d in zip(args, defaults)]
@@ -415,6 +417,7 @@ class Runner:
         params = [p for p in stubs_for(key, name)[0] if p[0] not in ("self", "cls")]
         args, kwargs = [], {}
         shown = []
+        positional = STUB_POSITIONAL_ONLY.get(name, set())
         for j, (pname, annotation, has_default) in enumerate(params):
             if j < pos:
                 v = good_value(owner, name, pname, annotation)
@@ -425,11 +428,12 @@ class Runner:
                 if has_default and pname != "timeout":
                     break
                 v = good_value(owner, name, pname, annotation)
-            if kw and j >= pos and not POSITIONAL_ONLY.match(pname):
+            by_keyword = kw and j >= pos and not POSITIONAL_ONLY.match(pname) and pname not in positional
+            if by_keyword:
                 kwargs[pname] = v
             else:
                 args.append(v)
-            shown.append("%s%s" % (pname + "=" if kw and j >= pos and not POSITIONAL_ONLY.match(pname) else "", ODD[odd_index][0] if j == pos else repr(v)))
+            shown.append("%s%s" % (pname + "=" if by_keyword else "", ODD[odd_index][0] if j == pos else repr(v)))
         fn = owner if name == "__init__" else getattr(owner, name)
         desc = "%s.%s(%s)" % (key, name, ", ".join(shown))
         return fn, args, kwargs, desc

@@ -32,6 +32,8 @@ CASES = {
     "single_loop_thread": ([LOGIC], [], ["9: 20"]),
     "multiple_loops_async": ([LOGIC], [], ["clock 5: ", "info 3: ['Torvik-LAN-Logic'", "serial 4: ", "all loops done"]),
     "multiple_loops_thread": ([LOGIC], [], ["clock 5: ", "info 3: ['Torvik-LAN-Logic'", "all loops done"]),
+    "blocking_dio": ([LOGIC], [], ["<- [1, 0, 1] | DI reads [1, 0, 1]", "close: 0 0"]),
+    "blocking_ai": ([ANALOG], [], ["volts: [", "500 frames at 5000 Hz", "close: 0"]),
     "AI_on_demand_once": ([ANALOG], [], ["open: 0", "volts: [", "close: 0"]),
     "AI_on_demand_in_loop": ([ANALOG], [], ["read 9: ["]),
     "AI_N_samples_once": ([ANALOG], [], ["1000 frames at 10000 Hz"]),

@@ -89,6 +89,31 @@ void EchoPool::cancelWait(std::uint32_t code, const Wakeable* waiter) {
     }
 }
 
+// Woken at most once: a filing hands each registration to one wake, and a cancelled one gets none.
+void BlockingWaiter::wake() noexcept { woken_.release(); }
+
+bool BlockingWaiter::wait(std::optional<std::chrono::nanoseconds> limit) {
+    if (!limit) {
+        woken_.acquire();
+        return true;
+    }
+    return woken_.try_acquire_for(*limit);
+}
+
+std::optional<Bytes> EchoPool::takeWaiting(std::uint32_t code, std::optional<std::chrono::nanoseconds> limit,
+                                           AwaitedReply* announced) {
+    auto waiter = std::make_shared<BlockingWaiter>();
+    Bytes out;
+    const bool taken = takeOrWait(code, out, waiter);
+    if (announced != nullptr) announced->release();
+    if (taken) return out;
+    waiter->wait(limit);
+    cancelWait(code, waiter.get());
+    // Woken, or filed between the end of the wait and the cancel: the reply is in the pool
+    // unless another taker was quicker.
+    return take(code);
+}
+
 bool StreamQueue::put(StreamItem item, std::optional<std::chrono::nanoseconds> timeout) {
     return push(std::move(item), timeout, true);
 }

@@ -13,6 +13,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <semaphore>
 #include <set>
 #include <utility>
 #include <unordered_map>
@@ -28,6 +29,21 @@ public:
     virtual ~Wakeable() = default;
     virtual void wake() noexcept = 0;
 };
+
+// A thread that blocks until a filing wakes it; woken once, for one registration.
+class BlockingWaiter final : public Wakeable {
+public:
+    void wake() noexcept override;
+    // Blocks until woken or until `limit` (nullopt: none) has passed; true when woken.
+    bool wait(std::optional<std::chrono::nanoseconds> limit);
+
+private:
+    // A semaphore rather than a condition variable: a woken thread need not take a mutex back,
+    // whose release would cost a system call on each round trip.
+    std::binary_semaphore woken_{0};
+};
+
+class AwaitedReply;
 
 // Latest unclaimed reply per command code.
 class EchoPool {
@@ -47,6 +63,13 @@ public:
     // cannot slip between the look and the registration.
     bool takeOrWait(std::uint32_t code, Bytes& out, const std::shared_ptr<Wakeable>& waiter);
     void cancelWait(std::uint32_t code, const Wakeable* waiter);
+
+    // Takes the reply of `code`, blocking the calling thread up to `limit` (nullopt: no limit)
+    // until a filing of that code wakes it; nothing is held while it blocks. Nullopt when the
+    // limit ran out or another taker was quicker. Its waiter is unregistered however it ends.
+    // `announced` (if any) is let go once the waiter is registered or the reply taken.
+    std::optional<Bytes> takeWaiting(std::uint32_t code, std::optional<std::chrono::nanoseconds> limit,
+                                     AwaitedReply* announced = nullptr);
 
     // Replies that operations wait for (registered waiters) or are about to send for (an
     // AwaitedReply alive). While it is zero a receive thread may let stream data gather before

@@ -1,10 +1,14 @@
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <mutex>
+#include <thread>
 #include <unordered_map>
 #include <vector>
 
 #include "aio/op.hpp"
 #include "bindings.hpp"
+#include "blocking.hpp"
 #include "platform/socket.hpp"
 
 namespace torvik::py_binding::aio {
@@ -33,6 +37,32 @@ const Cached& asyncio() {
         g->timeout_error = mod.attr("TimeoutError");  // last: it marks the others as set
     }
     return *g;
+}
+
+// Set while pytorvik.run drives operations on this thread: their waits block the thread (the GIL
+// released) instead of suspending to an event loop.
+thread_local int t_blocking = 0;
+
+struct BlockingScope {
+    BlockingScope() { ++t_blocking; }
+    ~BlockingScope() { --t_blocking; }
+    BlockingScope(const BlockingScope&) = delete;
+    BlockingScope& operator=(const BlockingScope&) = delete;
+};
+
+// awaitReply's blocking driver: the receive thread's filing wakes this thread itself.
+py::object takeReplyBlocking(device::EchoPool& pool, std::uint32_t code, std::optional<double> timeout,
+                             std::optional<device::AwaitedReply>& announced) {
+    std::optional<device::Bytes> data;
+    const bool got = waitReleased(
+        [&](std::optional<std::chrono::nanoseconds> limit) {
+            data = pool.takeWaiting(code, limit, announced ? &*announced : nullptr);
+            announced.reset();
+            return data.has_value();
+        },
+        timeout ? std::optional<double>(std::max(*timeout, 0.0)) : std::nullopt);
+    if (!got) throw TimedOut{};
+    return py::bytes(reinterpret_cast<const char*>(data->data()), data->size());
 }
 
 [[noreturn]] void raiseInstance(const py::object& exc) {
@@ -227,6 +257,14 @@ py::object runningLoop() { return asyncio().get_running_loop(); }
 void raiseLoopTimeout() { raiseInstance(asyncio().timeout_error()); }
 
 Co<> sleep(double seconds) {
+    if (t_blocking > 0) {
+        auto nap = [](std::optional<std::chrono::nanoseconds> limit) {
+            std::this_thread::sleep_for(*limit);  // always given: the wait has a time limit
+            return false;
+        };
+        if (seconds > 0) waitReleased(nap, seconds);
+        co_return py::none();
+    }
     if (!(seconds > 0)) {
         co_await Yield{py::none()};
         co_return py::none();
@@ -240,6 +278,7 @@ Co<> sleep(double seconds) {
 
 Co<> awaitReply(std::shared_ptr<device::EchoPool> pool, std::uint32_t code, std::optional<double> timeout,
                 std::optional<device::AwaitedReply> announced) {
+    if (t_blocking > 0) co_return takeReplyBlocking(*pool, code, timeout, announced);
     py::object loop;
     double deadline = 0;
     for (;;) {
@@ -305,26 +344,51 @@ Co<> awaitCompletion(const py::object& loop, const std::function<void(Finished)>
     co_return py::none();
 }
 
+namespace {
+
+// One step of an awaitable's iterator, sending None or throwing `thrown` in: what it yields, or
+// nothing when it finished, with its value in `result`.
+std::optional<py::object> stepIterator(const py::object& it, py::object thrown, py::object& result) {
+    try {
+        return thrown ? it.attr("throw")(thrown) : it.attr("send")(py::none());
+    } catch (py::error_already_set& e) {
+        if (!e.matches(PyExc_StopIteration)) throw;
+        result = e.value().attr("value");
+        return std::nullopt;
+    }
+}
+
+// Drives an awaitable's iterator on this thread: our operations inside it block until done, and
+// a bare yield (asyncio.sleep(0)) just goes on; anything else needs an event loop.
+py::object driveBlocking(const py::object& it) {
+    py::object thrown, result;
+    while (auto yielded = stepIterator(it, std::exchange(thrown, py::object()), result)) {
+        if (PyErr_CheckSignals() != 0) throw py::error_already_set();
+        if (!yielded->is_none())
+            thrown = py::reinterpret_borrow<py::object>(PyExc_RuntimeError)(
+                "pytorvik.run() cannot wait for " + std::string(py::repr(*yielded)) +
+                ": without an event loop only this library's operations can be awaited");
+    }
+    return result;
+}
+
+}  // namespace
+
 Co<> awaitObject(py::object awaitable) {
     if (py::isinstance<AsyncOp>(awaitable)) {
         if (Co<> body = py::cast<AsyncOp&>(awaitable).takeBody()) co_return co_await body;
     }
     py::object it = awaitable.attr("__await__")();
-    py::object thrown;
-    for (;;) {
-        py::object yielded;
+    if (t_blocking > 0) co_return driveBlocking(it);
+    py::object thrown, result;
+    while (auto yielded = stepIterator(it, std::exchange(thrown, py::object()), result)) {
         try {
-            yielded = thrown ? it.attr("throw")(std::exchange(thrown, py::object())) : it.attr("send")(py::none());
-        } catch (py::error_already_set& e) {
-            if (!e.matches(PyExc_StopIteration)) throw;
-            co_return e.value().attr("value");
-        }
-        try {
-            co_await Yield{yielded};
+            co_await Yield{*yielded};
         } catch (py::error_already_set& e) {
             thrown = e.value();  // handed to the inner awaitable on the next round
         }
     }
+    co_return result;
 }
 
 std::pair<bool, py::object> AsyncOp::outcome() {
@@ -380,6 +444,37 @@ void AsyncOp::close() {
     started_ = true;
 }
 
+AsyncOp::~AsyncOp() {
+    if (started_ || !body_) return;
+    // Never started: warn as an unawaited coroutine does. Only where Python can take a warning.
+    if (!Py_IsInitialized() || TORVIK_FINALIZING() || !PyGILState_Check()) return;
+    py::error_scope pending;  // an exception being raised meanwhile stays as it is
+    const std::string msg = "coroutine '" + std::string(name_) + "' was never awaited";
+    if (PyErr_WarnEx(PyExc_RuntimeWarning, msg.c_str(), 1) < 0) {
+        PyObject* what = PyUnicode_FromString(name_);
+        PyErr_WriteUnraisable(what);
+        Py_XDECREF(what);
+    }
+}
+
+py::object run(const py::object& operation) {
+    if (!py::isinstance<AsyncOp>(operation) && !PyCoro_CheckExact(operation.ptr()))
+        throw py::type_error("pytorvik.run() needs an operation of this library (what an _async method returns) or a "
+                             "coroutine, not " + std::string(py::str(py::type::handle_of(operation).attr("__name__"))));
+    if (!currentLoop().is_none()) {
+        PyErr_SetString(PyExc_RuntimeError, "pytorvik.run() cannot be called from a running event loop");
+        throw py::error_already_set();
+    }
+    BlockingScope blocking;
+    Co<> body = awaitObject(operation);
+    OpState state;
+    body.handle().promise().op = &state;
+    body.handle().resume();
+    // No wait of a blocking driver suspends the body: it has run to its end.
+    if (!body.done()) throw std::logic_error("pytorvik.run(): an operation suspended without an event loop");
+    return body.result();
+}
+
 py::object makeOp(Co<> body, const char* name) { return py::cast(AsyncOp(std::move(body), name)); }
 
 #if PY_VERSION_HEX >= 0x030A0000  // the slot exists from Python 3.10 on
@@ -426,6 +521,8 @@ void bindAio(py::module_& m) {
     // collections.abc's classes live in _collections_abc, which every interpreter has loaded at
     // start; the collections package itself would cost the import a few milliseconds.
     py::module_::import("_collections_abc").attr("Coroutine").attr("register")(m.attr("Operation"));
+
+    m.def("run", &run, py::arg("operation"), py::pos_only());  // its text: docs/device.cpp
 }
 
 }  // namespace torvik::py_binding::aio

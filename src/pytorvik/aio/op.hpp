@@ -20,6 +20,9 @@ namespace torvik::py_binding::aio {
 class AsyncOp {
 public:
     AsyncOp(Co<> body, const char* name) : body_(std::move(body)), name_(name) {}
+    AsyncOp(AsyncOp&&) = default;
+    // One that never started warns as a never-awaited coroutine does.
+    ~AsyncOp();
     py::object send(py::handle value);
     py::object throwIn(py::handle typ, py::handle val, py::handle tb);
     void close();

@@ -7,6 +7,17 @@ void documentDevice(py::module_& m) {
     applyDocs(m, {
         {"Device.close", "Marks the object closed for good (killed); the subclasses' close also ends their threads.",
          "verbose (bool): print \"Closed handle (...)\"."},
+        {"run",
+         "Runs an operation (what an _async method returns) to its result on this thread, without an event loop.\n"
+         "It gives what awaiting the operation gives and raises what awaiting it raises (the same retries, time\n"
+         "limits and asyncio.TimeoutError). The thread waits with the GIL released, woken by the reply itself;\n"
+         "Ctrl-C interrupts the wait. Several threads may run operations on one handle at once.\n"
+         "    print(pytorvik.run(dev.Sys_getRTC_async()))",
+         "operation (Coroutine[Any, Any, _R]): an operation of this library, or a coroutine that awaits only them.",
+         "_R: the operation's result.",
+         "RuntimeError: called from a thread whose event loop is running (await the operation there).\n"
+         "TypeError: not an operation of this library (a Future, a Task, a generator).\n"
+         "Error, asyncio.TimeoutError: whatever awaiting the operation raises."},
         {"Device.__enter__",
          "Starts a `with` block: gives the handle itself. Leaving the block calls close(), also when\n"
          "connect or the body raised, so that the handle's threads end and the script can exit.",

@@ -4,6 +4,7 @@ from typing import Any, Coroutine, Iterator, TypeVar
 from enum import IntEnum
 
 _Self = TypeVar("_Self")
+_R = TypeVar("_R")
 
 if sys.version_info >= (3, 9):
     from typing_extensions import disjoint_base as _disjoint_base
@@ -1150,6 +1151,24 @@ class Operation:
     def close(self) -> None:
         """Ends the operation without a result, as coroutine.close does."""
     def __repr__(self) -> str: ...  # type: ignore[override]
+def run(operation: Coroutine[Any, Any, _R], /) -> _R:
+    """Runs an operation (what an _async method returns) to its result on this thread, without an event loop.
+    It gives what awaiting the operation gives and raises what awaiting it raises (the same retries, time
+    limits and asyncio.TimeoutError). The thread waits with the GIL released, woken by the reply itself;
+    Ctrl-C interrupts the wait. Several threads may run operations on one handle at once.
+        print(pytorvik.run(dev.Sys_getRTC_async()))
+
+    Args:
+        operation (Coroutine[Any, Any, _R]): an operation of this library, or a coroutine that awaits only them.
+
+    Returns:
+        _R: the operation's result.
+
+    Raises:
+        RuntimeError: called from a thread whose event loop is running (await the operation there).
+        TypeError: not an operation of this library (a Future, a Task, a generator).
+        Error, asyncio.TimeoutError: whatever awaiting the operation raises.
+    """
 
 class Gate:
     """A lock without an owner: the gate a worker thread passes each round."""
