@@ -121,7 +121,9 @@ def result_type(doc):
 def docstring(doc, indent):
     if not doc:
         return ""
-    text = doc.replace("\\", "\\\\").replace('"""', '\\"\\"\\"')
+    # Python 3.13 strips the indentation of docstrings when it compiles them: cleandoc gives the same
+    # text on every version.
+    text = inspect.cleandoc(doc).replace("\\", "\\\\").replace('"""', '\\"\\"\\"')
     lines = text.splitlines()
     body = "\n".join((indent + line) if line.strip() else "" for line in lines[1:])
     return '%s"""%s%s"""\n' % (indent, lines[0], ("\n" + body + "\n" + indent) if len(lines) > 1 else "")

@@ -4038,7 +4038,7 @@ class CANSpeed(IntEnum):
 
 class CANFilterIndex(IntEnum):
     """``index`` of ``CAN_setRXFilterOrMask_async``, as the units' firmware numbers its registers:
-        0-5 the acceptance filters, 6 and 7 the masks (the library sends the index as it is).
+    0-5 the acceptance filters, 6 and 7 the masks (the library sends the index as it is).
     """
     FILTER0 = 0
     FILTER1 = 1
@@ -4128,7 +4128,7 @@ class RTDType(IntEnum):
 
 class PinMode(IntEnum):
     """A pin's mode as a number (``pin_mode_list`` after ``Sys_getPinModeInPort_async``, which
-        returns the names: "Disabled", "Idle", "DI", ...).
+    returns the names: "Disabled", "Idle", "DI", ...).
     """
     DISABLED = 0
     IDLE = 1
