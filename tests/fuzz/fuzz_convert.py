@@ -5,6 +5,7 @@ a SystemError or a text of the binding library is a finding.
 
     python tests/fuzz/fuzz_convert.py -max_total_time=60 -artifact_prefix=DIR/ [CORPUS...]
 """
+import inspect
 import sys
 
 import atheris
@@ -16,18 +17,9 @@ FUNCTIONS = sorted(n for n in dir(pytorvik) if n.startswith(("convert", "check")
 
 
 def arity(fn):
-    """(required, total) parameters, from the signature line the binding writes first in __doc__."""
-    text = fn.__doc__.split("(", 1)[1].rsplit(") ->", 1)[0]
-    params, depth, cur = [], 0, ""
-    for ch in text:  # split at the commas outside the defaults' brackets
-        depth += (ch in "([{<") - (ch in ")]}>")
-        if ch == "," and depth == 0:
-            params.append(cur)
-            cur = ""
-        else:
-            cur += ch
-    params = [p for p in params + [cur] if p.strip()]
-    return sum("=" not in p for p in params), len(params)
+    """(required, total) parameters of the function's signature."""
+    params = inspect.signature(fn).parameters.values()
+    return sum(p.default is p.empty for p in params), len(params)
 
 
 ARITY = {name: arity(getattr(pytorvik, name)) for name in FUNCTIONS}
