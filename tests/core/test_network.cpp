@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "device/receiver.hpp"
+#include "device/reply_taker.hpp"
 #include "platform/socket.hpp"
 #include "transport/network_client.hpp"
 #include "wire/commands.hpp"
@@ -237,7 +238,7 @@ TEST(ReceiveLoop, FilesUntilKilledAndEndsOnARoutingError) {
     auto run = [&] {
         device::runReceiveLoop(
             core, gate, slot,
-            [](transport::Client& c) { return static_cast<transport::NetworkClient&>(c).recvAndSplitPacket(1536, true); },
+            [](transport::Client& c, auto&) { return static_cast<transport::NetworkClient&>(c).recvAndSplitPacket(1536, true); },
             [&](std::exception_ptr, unsigned n) {
                 failures = n;
                 return device::backoff(n);
@@ -265,11 +266,110 @@ TEST(ReceiveLoop, FilesUntilKilledAndEndsOnARoutingError) {
     sendAll(peer2, bad);
     EXPECT_THROW(device::runReceiveLoop(
                      core2, gate, slot2,
-                     [](transport::Client& c) { return static_cast<transport::NetworkClient&>(c).recvAndSplitPacket(1536, true); },
+                     [](transport::Client& c, auto&) { return static_cast<transport::NetworkClient&>(c).recvAndSplitPacket(1536, true); },
                      [](std::exception_ptr, unsigned n) { return device::backoff(n); }),
                  device::RoutingError);
     pf::closeSocket(peer);
     pf::closeSocket(peer2);
+}
+
+// A connected client, its unit's end, and a receive thread that files what it reads, as a
+// network handle's command connection has them.
+struct TakerRig {
+    Listener l;
+    std::shared_ptr<transport::TcpClient> client = std::make_shared<transport::TcpClient>();
+    pf::NativeSocket peer;
+    device::DeviceCore core;
+    device::Gate gate{false};
+    device::ClientSlot slot;
+    std::thread receiver;
+    std::atomic<bool> routing_failed{false};
+
+    explicit TakerRig(const char* ip) : l(ip) {
+        client->connect(ip, l.port);
+        peer = l.accept();
+        slot.set(client);
+    }
+    void startReceiver() {
+        receiver = std::thread([this] {
+            try {
+                device::runReceiveLoop(
+                    core, gate, slot,
+                    [this](transport::Client&, std::unique_lock<std::mutex>& hold) {
+                        return client->receiveAndSplit(1536, &core.pools.echo->awaited(), 0.01, &hold);
+                    },
+                    [](std::exception_ptr, unsigned n) { return device::backoff(n); });
+            } catch (const device::RoutingError&) {
+                routing_failed = true;
+            }
+        });
+    }
+    std::optional<device::Bytes> take(transport::NetworkClient::Taker& taker, std::uint32_t code,
+                                      std::chrono::milliseconds limit) {
+        return device::takeReading(core.pools, code, limit, nullptr, taker, gate);
+    }
+    ~TakerRig() {
+        core.killed = true;
+        client->disconnect();
+        if (receiver.joinable()) receiver.join();
+        pf::closeSocket(peer);
+    }
+};
+
+TEST(ReplyTaker, ReadsAndFilesForItselfUnlessTheGateIsHeld) {
+    TakerRig rig("127.0.3.7");  // no receive thread: only the taker reads
+    {
+        transport::NetworkClient::Taker taker(*rig.client);
+        sendAll(rig.peer, unitFrame(wire::GET_IP, {1, 2}));
+        sendAll(rig.peer, unitFrame(wire::GET_DATE_TIME, {3}));
+        EXPECT_EQ(rig.take(taker, wire::GET_IP, 2000ms), (device::Bytes{1, 2}));
+        EXPECT_EQ(rig.take(taker, wire::GET_DATE_TIME, 2000ms), (device::Bytes{3}));
+    }
+    // A held gate stops the receive thread, and the taker reads nothing for it either: the reply
+    // stays unread and the wait runs out.
+    rig.gate.acquire();
+    transport::NetworkClient::Taker taker(*rig.client);
+    sendAll(rig.peer, unitFrame(wire::GET_IP, {4}));
+    EXPECT_FALSE(rig.take(taker, wire::GET_IP, 50ms).has_value());
+    EXPECT_FALSE(rig.core.pools.echo->contains(wire::GET_IP));
+}
+
+TEST(ReplyTaker, TwoTakersBesideAReceiveThreadLoseNothing) {
+    TakerRig rig("127.0.3.8");
+    rig.startReceiver();
+    // Each round: two takers on their own codes, replies in either order and a frame of a third
+    // code that nobody waits for; every reply reaches its taker.
+    for (std::uint8_t round = 0; round < 200; ++round) {
+        auto other = std::async(std::launch::async, [&] {
+            transport::NetworkClient::Taker taker(*rig.client);
+            sendAll(rig.peer, unitFrame(wire::GET_DATE_TIME, {round}));
+            return rig.take(taker, wire::GET_DATE_TIME, 2000ms);
+        });
+        transport::NetworkClient::Taker taker(*rig.client);
+        sendAll(rig.peer, unitFrame(wire::GET_DRIVER_INFO, {round}));
+        sendAll(rig.peer, unitFrame(wire::GET_IP, {round}));
+        ASSERT_EQ(rig.take(taker, wire::GET_IP, 2000ms), (device::Bytes{round})) << int(round);
+        ASSERT_EQ(other.get(), (device::Bytes{round})) << int(round);
+    }
+    // With no taker left the receive thread reads again.
+    sendAll(rig.peer, unitFrame(wire::GET_IP, {7}));
+    for (int i = 0; i < 200 && !rig.core.pools.echo->contains(wire::GET_IP); ++i) std::this_thread::sleep_for(5ms);
+    EXPECT_EQ(rig.core.pools.echo->take(wire::GET_IP), (device::Bytes{7}));
+    EXPECT_EQ(rig.core.pools.echo->take(wire::GET_DRIVER_INFO), (device::Bytes{199}));
+}
+
+TEST(ReplyTaker, AFrameItCannotFileEndsTheReceiveThreadAsItWouldHave) {
+    TakerRig rig("127.0.3.9");
+    rig.startReceiver();
+    transport::NetworkClient::Taker taker(*rig.client);
+    auto bad = unitFrame(wire::GET_DEVICE_INFO, {});  // a broadcast code needs a payload byte
+    auto reply = unitFrame(wire::GET_IP, {5});
+    bad.insert(bad.end(), reply.begin(), reply.end());
+    sendAll(rig.peer, bad);
+    // Nothing after the bad frame is filed, whoever read it.
+    EXPECT_FALSE(rig.take(taker, wire::GET_IP, 200ms).has_value());
+    rig.receiver.join();
+    EXPECT_TRUE(rig.routing_failed);
 }
 
 TEST(Backoff, GrowsToACap) {

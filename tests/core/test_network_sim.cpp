@@ -73,8 +73,8 @@ public:
         thread_ = std::thread([this, awaited] {
             device::runReceiveLoop(
                 core, gate_, slot_,
-                [awaited](transport::Client& c) {
-                    return static_cast<transport::NetworkClient&>(c).receiveAndSplit(1536, awaited);
+                [awaited](transport::Client& c, std::unique_lock<std::mutex>& hold) {
+                    return static_cast<transport::NetworkClient&>(c).receiveAndSplit(1536, awaited, 0.01, &hold);
                 },
                 [](std::exception_ptr, unsigned n) { return device::backoff(n); });
         });

@@ -129,7 +129,7 @@ TEST_F(UsbTest, ReceiveLoopFilesRepliesAndStopsOnDisconnectAndKill) {
     std::thread thread([&] {
         device::runReceiveLoop(
             core, gate, slot,
-            [](transport::Client& c) {
+            [](transport::Client& c, auto&) {
                 return dynamic_cast<transport::UsbClient&>(c).awaitAndSplitPacket(wire::USB_PKT_SIZE);
             },
             [&](std::exception_ptr, unsigned) {

@@ -16,12 +16,14 @@ void runReceiveLoop(DeviceCore& core, Gate& gate, const ClientSlot& slot, const 
     unsigned failures = 0;
     while (!core.killed.load()) {
         gate.pass();
+        std::unique_lock<std::mutex> hold;
         try {
             auto client = slot.get();
             if (!client) throw AbsentClient();
-            packets = read(*client);
+            packets = read(*client, hold);
             failures = 0;
         } catch (...) {
+            if (hold.owns_lock()) hold.unlock();
             auto pause = onReadError(std::current_exception(), ++failures);
             if (pause > std::chrono::nanoseconds::zero() && !core.killed.load()) std::this_thread::sleep_for(pause);
             continue;

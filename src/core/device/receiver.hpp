@@ -43,7 +43,8 @@ struct AbsentClient : std::logic_error {
 };
 
 // Reads one chunk from the client and returns the packets it completed. May throw anything.
-using ReadFn = std::function<std::vector<wire::Packet>(transport::Client&)>;
+// A read may leave a lock in `hold` that must be held while its packets are filed.
+using ReadFn = std::function<std::vector<wire::Packet>(transport::Client&, std::unique_lock<std::mutex>& hold)>;
 // Decides about a failed read, the `failures`-th in a row; returns how long to pause before the
 // next round (a read that fails at once again and again must not spin a core).
 using ReadErrorFn = std::function<std::chrono::nanoseconds(std::exception_ptr, unsigned failures)>;

@@ -15,7 +15,7 @@ CommandType checkCommandType(std::uint32_t cmd, std::span<const std::uint8_t> da
     return CommandType::Echo;
 }
 
-void putToDataPool(DataPools& pools, std::uint32_t cmd, Bytes data) {
+void putToDataPool(DataPools& pools, std::uint32_t cmd, Bytes&& data) {
     switch (checkCommandType(cmd, data)) {
         case CommandType::Streaming: {
             StreamKey key{cmd, std::nullopt};

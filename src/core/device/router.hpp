@@ -26,7 +26,8 @@ struct DataPools {
 
 // Throws RoutingError for an empty payload of a broadcast code.
 CommandType checkCommandType(std::uint32_t cmd, std::span<const std::uint8_t> data);
-// Throws RoutingError for an empty payload of a broadcast code or a UART stream frame.
-void putToDataPool(DataPools& pools, std::uint32_t cmd, Bytes data);
+// Throws RoutingError for an empty payload of a broadcast code or a UART stream frame; `data`
+// is left as it was then.
+void putToDataPool(DataPools& pools, std::uint32_t cmd, Bytes&& data);
 
 }  // namespace torvik::device

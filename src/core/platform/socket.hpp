@@ -89,6 +89,10 @@ private:
     NativeSocket handle_ = kInvalidSocket;
 };
 
+// Waits until `signal` is raised or the time limit passes (nullopt: none); false when it passed
+// or the wait failed.
+bool waitRaised(const WakeSignal& signal, std::optional<double> timeout);
+
 enum class WaitResult { Readable, Cancelled, TimedOut, Failed };
 // Waits until `s` is readable (data, the end of a stream, or an error to read), `cancel` is raised,
 // or the time limit passes (nullopt: none). With `cancel_only` the socket is not watched. Failed

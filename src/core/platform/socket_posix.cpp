@@ -162,6 +162,14 @@ void WakeSignal::drain() noexcept {
     [[maybe_unused]] ssize_t n = ::read(handle_, &count, sizeof count);
 }
 
+bool waitRaised(const WakeSignal& signal, std::optional<double> timeout) {
+    pollfd fd{signal.handle(), POLLIN, 0};
+    for (;;) {
+        const int rc = ::poll(&fd, 1, toPollTimeout(timeout));
+        if (rc >= 0 || errno != EINTR) return rc > 0;
+    }
+}
+
 WaitResult waitReadable(NativeSocket s, const WakeSignal& cancel, std::optional<double> timeout, bool cancel_only) {
     pollfd fds[2] = {{cancel.handle(), POLLIN, 0}, {s, POLLIN, 0}};
     for (;;) {

@@ -238,6 +238,15 @@ void WakeSignal::drain() noexcept {
     }
 }
 
+bool waitRaised(const WakeSignal& signal, std::optional<double> timeout) {
+    timeval tv{};
+    if (timeout) tv = toTimeval(*timeout);
+    fd_set r;
+    FD_ZERO(&r);
+    FD_SET(signal.handle(), &r);
+    return ::select(0, &r, nullptr, nullptr, timeout ? &tv : nullptr) > 0;
+}
+
 WaitResult waitReadable(NativeSocket s, const WakeSignal& cancel, std::optional<double> timeout, bool cancel_only) {
     timeval tv{};
     if (timeout && !cancel_only) tv = toTimeval(*timeout);

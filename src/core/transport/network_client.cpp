@@ -1,6 +1,8 @@
 #include "transport/network_client.hpp"
 
 #include <algorithm>
+#include <chrono>
+#include <utility>
 
 #include "wire/commands.hpp"
 #include "wire/ipv4.hpp"
@@ -119,7 +121,8 @@ void NetworkClient::setTimeout(std::optional<double> seconds) {
     timeout_ = seconds;
 }
 
-std::vector<std::uint8_t> NetworkClient::recvPacket(std::size_t length, bool park_when_ended) {
+std::vector<std::uint8_t> NetworkClient::recvPacket(std::size_t length, bool park_when_ended,
+                                                    std::unique_lock<std::mutex>* hold) {
     std::shared_ptr<SocketHandle> sock;
     std::optional<double> timeout;
     {
@@ -131,6 +134,7 @@ std::vector<std::uint8_t> NetworkClient::recvPacket(std::size_t length, bool par
     sock->prepareWait([] { return false; });  // a blocking read waits for a byte, not for a batch
     const bool nonblocking = timeout && *timeout <= 0;
     if (!nonblocking && !sock->waitReadable(timeout, park_when_ended)) return {};
+    if (hold != nullptr) *hold = std::unique_lock(read_m_);
     std::vector<std::uint8_t> buf(length);
     const long n = pf::receive(sock->fd(), buf.data(), length, !nonblocking);
     if (n < 0) {
@@ -143,8 +147,9 @@ std::vector<std::uint8_t> NetworkClient::recvPacket(std::size_t length, bool par
     return buf;
 }
 
-std::vector<wire::Packet> NetworkClient::recvAndSplitPacket(std::size_t length, bool park_when_ended) {
-    std::vector<std::uint8_t> chunk = recvPacket(length, park_when_ended);
+std::vector<wire::Packet> NetworkClient::recvAndSplitPacket(std::size_t length, bool park_when_ended,
+                                                          std::unique_lock<std::mutex>* hold) {
+    std::vector<std::uint8_t> chunk = recvPacket(length, park_when_ended, hold);
     if (chunk.empty()) return {};
     return withStream([&](wire::FrameSplitter& s) {
         s.append(chunk);
@@ -153,7 +158,18 @@ std::vector<wire::Packet> NetworkClient::recvAndSplitPacket(std::size_t length, 
 }
 
 std::vector<wire::Packet> NetworkClient::receiveAndSplit(std::size_t length, const std::atomic<int>* awaited,
-                                                        double window) {
+                                                        double window, std::unique_lock<std::mutex>* hold) {
+    if (hold != nullptr) {
+        *hold = std::unique_lock(read_m_);
+        if (!held_.empty()) return std::exchange(held_, {});
+        hold->unlock();
+        // Takers read now: wait until they are done instead of being woken by what they read,
+        // then come back for what they may have left.
+        if (takers_.load() != 0) {
+            standAside();
+            return {};
+        }
+    }
     std::shared_ptr<SocketHandle> sock;
     std::optional<double> timeout;
     {
@@ -163,16 +179,27 @@ std::vector<wire::Packet> NetworkClient::receiveAndSplit(std::size_t length, con
     }
     // Datagrams, non-blocking reads and ended streams read as a script's recv does.
     if (!sock || !sock->isStream() || sock->ended || length == 0 || (timeout && *timeout <= 0))
-        return recvAndSplitPacket(length, true);
+        return recvAndSplitPacket(length, true, hold);
 
     // Batch only while stream data flow: an idle connection, or one that carries replies alone,
     // waits for its next byte without a window.
-    sock->prepareWait([&] { return flowing_ && awaited && awaited->load() == 0; });
+    sock->prepareWait([&] { return flowing_ && awaited && awaited->load() == 0 && takers_.load() == 0; });
     if (sock->batching()) {
         if (sock->waitFor(timeout ? std::min(*timeout, window) : window) == SocketHandle::Wait::Cancelled) return {};
     } else if (!sock->waitReadable(timeout, true)) {
         return {};
     }
+    std::unique_lock<std::mutex> local;
+    if (hold == nullptr) hold = &local;
+    *hold = std::unique_lock(read_m_);
+    if (takers_.load() != 0) {  // a taker came meanwhile: it reads what woke this thread
+        hold->unlock();
+        return {};
+    }
+    return readBurst(*sock, length);
+}
+
+std::vector<wire::Packet> NetworkClient::readBurst(SocketHandle& sock, std::size_t length) {
     // The whole burst that is there, in reads of a buffer kept for the purpose, up to a bound
     // that keeps the split moving. Never blocking: below the wake threshold a blocking recv
     // would wait for more. Same frames, same order as reads of `length` bytes.
@@ -181,15 +208,15 @@ std::vector<wire::Packet> NetworkClient::receiveAndSplit(std::size_t length, con
     std::size_t have = 0;
     for (;;) {
         if (burst_.size() < have + step) burst_.resize(have + step);
-        const long n = pf::receive(sock->fd(), burst_.data() + have, step, false);
+        const long n = pf::receive(sock.fd(), burst_.data() + have, step, false);
         if (n < 0) {
             const int err = pf::lastSocketError();
             if (pf::isWouldBlock(err) || have > 0) break;  // an error is reported by the next read
-            sock->ended = true;
+            sock.ended = true;
             throwSocketError("recv", err);
         }
         if (n == 0) {
-            if (have == 0) sock->ended = true;
+            if (have == 0) sock.ended = true;
             break;
         }
         have += static_cast<std::size_t>(n);
@@ -207,9 +234,93 @@ std::vector<wire::Packet> NetworkClient::receiveAndSplit(std::size_t length, con
     return packets;
 }
 
+void NetworkClient::standAside() {
+    // A condition variable, not an atomic wait: that one spins first, on the core a taker needs.
+    std::unique_lock aside(aside_m_);
+    aside_ = true;
+    // A script that calls again and again leaves gaps between its takers: stay aside through
+    // them, looking once a tick, rather than wake for every reply. Back to reading after a tick
+    // without takers; a taker that waits long is waited for without ticking.
+    for (std::uint64_t seen = leaves_.load();;) {
+        if (aside_cv_.wait_for(aside, kLinger, [this] { return resume_; })) break;
+        const std::uint64_t leaves = leaves_.load();
+        if (takers_.load() == 0) {
+            if (leaves == seen) break;
+        } else if (leaves == seen) {
+            waits_for_none_ = true;
+            aside_cv_.wait(aside, [this] { return takers_.load() == 0 || resume_; });
+            waits_for_none_ = false;
+            if (resume_) break;
+        }
+        seen = leaves;
+    }
+    resume_ = false;
+    aside_ = false;
+}
+
+void NetworkClient::resumeReader() {
+    std::lock_guard aside(aside_m_);
+    if (!aside_) return;
+    resume_ = true;
+    aside_cv_.notify_all();
+}
+
+NetworkClient::Taker::Taker(NetworkClient& client, const std::atomic<int>* awaited) : client_(client), awaited_(awaited) {
+    {
+        std::lock_guard lock(client_.mutex_);
+        if (!client_.sock_ || !client_.sock_->isStream() || client_.sock_->ended || client_.timeout_) return;
+        sock_ = client_.sock_;
+    }
+    ++client_.takers_;
+    // Wake for a byte: a batching receive thread may have raised the threshold, and sees this
+    // taker before it raises it again.
+    sock_->prepareWait([] { return false; });
+}
+
+NetworkClient::Taker::~Taker() { leave(); }
+
+void NetworkClient::Taker::leave() {
+    if (!sock_) return;
+    sock_.reset();
+    ++client_.leaves_;
+    if (--client_.takers_ != 0) return;
+    // Others wait for replies (awaited operations of other threads): the receive thread reads
+    // for them again at once.
+    if (awaited_ != nullptr && awaited_->load() > 0) {
+        client_.resumeReader();
+    } else if (client_.waits_for_none_.load()) {  // set before it looks at takers_, so one of us sees the other
+        std::lock_guard aside(client_.aside_m_);
+        client_.aside_cv_.notify_all();
+    }
+}
+
+bool NetworkClient::Taker::readAndFile(const std::function<void(wire::Packet&)>& file) {
+    if (!sock_) return false;
+    std::lock_guard lock(client_.read_m_);
+    std::vector<wire::Packet> packets;
+    if (client_.held_.empty() && !sock_->ended) {
+        try {
+            packets = client_.readBurst(*sock_, 0);
+        } catch (const SocketError&) {
+            // the stream has ended; the receive thread's next read reports it as before
+        }
+    }
+    for (auto it = packets.begin(); it != packets.end(); ++it) {
+        try {
+            file(*it);
+        } catch (...) {
+            client_.held_.assign(std::make_move_iterator(it), std::make_move_iterator(packets.end()));
+            break;
+        }
+    }
+    if (!client_.held_.empty() || sock_->ended) leave();
+    return sock_ != nullptr;
+}
+
 void NetworkClient::sendPacket(std::span<const std::uint8_t> bytes) {
     auto sock = requireSocket("send");
     sock->stopBatching();  // its reply must wake the reader at once
+    if (takers_.load() == 0 && aside_.load()) resumeReader();  // nobody else would read it
     if (pf::sendBytes(sock->fd(), bytes.data(), bytes.size()) < 0) throwLastError("send");
 }
 
@@ -218,6 +329,7 @@ void NetworkClient::disconnect() {
     // A reader leaves its wait even when the shutdown fails: it goes back to its gate, and the
     // socket stays as it is.
     sock->cancel();
+    resumeReader();
     if (!pf::shutdownSocket(sock->fd(), pf::Shut::Both))
         throw ConnectionLost("shutdown: " + pf::socketErrorText(pf::lastSocketError()));
     std::lock_guard lock(mutex_);

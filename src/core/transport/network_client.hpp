@@ -8,7 +8,10 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -84,17 +87,54 @@ public:
     // One recv of up to `length` bytes; empty when the peer has shut the stream down. A receive
     // thread passes park_when_ended: once the stream has ended its next read waits for the
     // disconnect (and then returns empty) instead of returning empty at once, for ever.
-    std::vector<std::uint8_t> recvPacket(std::size_t length, bool park_when_ended = false);
+    // With `hold`, the read lock is taken after the wait and left there (see receiveAndSplit).
+    std::vector<std::uint8_t> recvPacket(std::size_t length, bool park_when_ended = false,
+                                         std::unique_lock<std::mutex>* hold = nullptr);
     // recvPacket, then the frames it completed.
-    std::vector<wire::Packet> recvAndSplitPacket(std::size_t length, bool park_when_ended = false);
+    std::vector<wire::Packet> recvAndSplitPacket(std::size_t length, bool park_when_ended = false,
+                                                 std::unique_lock<std::mutex>* hold = nullptr);
     // A receive thread's read: recvAndSplitPacket(length, true), except that a stream socket
     // takes the whole burst that is there at once (one wake-up and one split a burst; same
     // frames, same order). With `awaited` (the count of replies operations wait for), a stream
     // socket batches its reads while that count is zero and stream data flow: the wait then ends after
     // `window` at the latest, and returns nothing when nothing came; a window without data ends
     // the batching until bytes come again.
+    //
+    // With `hold`, what the read gives is filed under the connection's read lock, which the read
+    // leaves in `hold` (the caller files, then lets go): a thread reading for its reply (below)
+    // then never files between a read and its filing. While such threads read, the receive thread
+    // stands aside: it returns nothing, once they are done.
     std::vector<wire::Packet> receiveAndSplit(std::size_t length, const std::atomic<int>* awaited = nullptr,
-                                              double window = 0.01);
+                                              double window = 0.01, std::unique_lock<std::mutex>* hold = nullptr);
+
+    // Reading by a thread that blocks for a reply: the arrival then wakes that thread itself,
+    // instead of waking the receive thread, which would wake it in turn (on a machine with few
+    // cores the hand-over is a large share of a round trip). The receive thread files as before
+    // whatever it read before; a taker reads only a connected stream without a time limit.
+    class Taker {
+    public:
+        // `awaited` (if any): the count of replies operations wait for, this taker's own not
+        // among them once it leaves.
+        explicit Taker(NetworkClient& client, const std::atomic<int>* awaited = nullptr);
+        ~Taker();
+        Taker(const Taker&) = delete;
+        Taker& operator=(const Taker&) = delete;
+        // The socket to watch; null when this connection is not read this way (the taker then
+        // waits for the receive thread's filing alone).
+        const std::shared_ptr<SocketHandle>& socket() const { return sock_; }
+        // Reads what is there without waiting and hands the frames to `file` under the read lock.
+        // A frame `file` refuses (throws) is kept with the rest for the receive thread to file
+        // (and fail on) as it would have; the taker reads no more then. False when the
+        // connection is no longer read this way.
+        bool readAndFile(const std::function<void(wire::Packet&)>& file);
+        // Stops reading: the receive thread reads again once no taker does.
+        void leave();
+
+    private:
+        NetworkClient& client_;
+        const std::atomic<int>* awaited_;
+        std::shared_ptr<SocketHandle> sock_;
+    };
     // One send of the bytes; a partial send is not completed.
     void sendPacket(std::span<const std::uint8_t> bytes) override;
     // Wakes a blocked reader for good, shuts the socket down both ways and lets it go. Throws
@@ -110,9 +150,26 @@ protected:
     std::optional<double> timeout_;
 
 private:
-    // receiveAndSplit's state; only the receive thread reads.
+    // The burst that is there, read without waiting; read lock held.
+    std::vector<wire::Packet> readBurst(SocketHandle& sock, std::size_t length);
+
+    // receiveAndSplit's state, read and written under read_m_.
+    std::mutex read_m_;
     std::vector<std::uint8_t> burst_;
-    bool flowing_ = false;  // the last read took stream data
+    bool flowing_ = false;               // the last read took stream data
+    std::vector<wire::Packet> held_;     // frames a taker could not file, to the receive thread
+    // The receive thread's wait while takers read: until a tick of kLinger passed without
+    // takers, or until a send or a taker that leaves finds others waiting for a reply.
+    void standAside();
+    void resumeReader();
+    static constexpr std::chrono::milliseconds kLinger{1};
+    std::atomic<int> takers_{0};            // threads reading for their reply
+    std::atomic<std::uint64_t> leaves_{0};  // takers that have left so far
+    std::atomic<bool> aside_{false};        // the receive thread stands aside
+    std::atomic<bool> waits_for_none_{false};
+    std::mutex aside_m_;
+    std::condition_variable aside_cv_;
+    bool resume_ = false;  // guarded by aside_m_
 };
 
 class TcpClient : public NetworkClient {

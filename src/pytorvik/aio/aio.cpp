@@ -52,11 +52,12 @@ struct BlockingScope {
 
 // awaitReply's blocking driver: the receive thread's filing wakes this thread itself.
 py::object takeReplyBlocking(device::EchoPool& pool, std::uint32_t code, std::optional<double> timeout,
-                             std::optional<device::AwaitedReply>& announced) {
+                             std::optional<device::AwaitedReply>& announced, const BlockingTake& take) {
     std::optional<device::Bytes> data;
     const bool got = waitReleased(
         [&](std::optional<std::chrono::nanoseconds> limit) {
-            data = pool.takeWaiting(code, limit, announced ? &*announced : nullptr);
+            device::AwaitedReply* a = announced ? &*announced : nullptr;
+            data = take ? take(code, limit, a) : pool.takeWaiting(code, limit, a);
             announced.reset();
             return data.has_value();
         },
@@ -276,9 +277,11 @@ Co<> sleep(double seconds) {
     co_return py::none();
 }
 
+bool blocking() { return t_blocking > 0; }
+
 Co<> awaitReply(std::shared_ptr<device::EchoPool> pool, std::uint32_t code, std::optional<double> timeout,
-                std::optional<device::AwaitedReply> announced) {
-    if (t_blocking > 0) co_return takeReplyBlocking(*pool, code, timeout, announced);
+                std::optional<device::AwaitedReply> announced, BlockingTake take) {
+    if (t_blocking > 0) co_return takeReplyBlocking(*pool, code, timeout, announced, take);
     py::object loop;
     double deadline = 0;
     for (;;) {

@@ -58,8 +58,15 @@ Co<> awaitObject(py::object awaitable);
 // throws TimedOut when it runs out; a limit of 0 or less fails at once unless the reply is
 // already there. Woken by the filing itself: no polling. `announced` (if any) is let go once the
 // wait is registered or the reply taken.
+//
+// Under pytorvik.run the wait blocks the thread instead, in `take` when given (an operation
+// that knows where its reply comes from reads it there itself), else in the pool's own wait.
+using BlockingTake = std::function<std::optional<device::Bytes>(
+    std::uint32_t code, std::optional<std::chrono::nanoseconds> limit, device::AwaitedReply* announced)>;
 Co<> awaitReply(std::shared_ptr<device::EchoPool> pool, std::uint32_t code, std::optional<double> timeout,
-                std::optional<device::AwaitedReply> announced = std::nullopt);
+                std::optional<device::AwaitedReply> announced = std::nullopt, BlockingTake take = {});
+// Whether operations on this thread block (pytorvik.run drives them) instead of suspending.
+bool blocking();
 
 // Starts work that ends on another thread and waits for its end without holding up the loop:
 // `start` gets the function to call at the end (from any thread, once), with the work's error or

@@ -92,8 +92,9 @@ void runNetworkReceiver(py::handle self, const char* gate_attr, std::shared_ptr<
         try {
             device::runReceiveLoop(
                 *core, *gate, *client_slot,
-                [read_size, echo = core->pools.echo](transport::Client& c) {
-                    return dynamic_cast<transport::NetworkClient&>(c).receiveAndSplit(read_size, &echo->awaited());
+                [read_size, echo = core->pools.echo](transport::Client& c, std::unique_lock<std::mutex>& hold) {
+                    return dynamic_cast<transport::NetworkClient&>(c).receiveAndSplit(read_size, &echo->awaited(), 0.01,
+                                                                                       &hold);
                 },
                 [](std::exception_ptr, unsigned failures) { return device::backoff(failures); });
         } catch (const device::RoutingError&) {
@@ -147,7 +148,7 @@ void runUsbReceiver(py::handle self) {
         try {
             device::runReceiveLoop(
                 *core, *gate, *client_slot,
-                [&reading](transport::Client& c) {
+                [&reading](transport::Client& c, std::unique_lock<std::mutex>&) {
                     reading = &c;
                     auto* usb = dynamic_cast<transport::UsbClient*>(&c);
                     if (usb == nullptr) throw std::logic_error("client_cmd is not a USBClient");

@@ -3,11 +3,13 @@
 #include <unordered_set>
 
 #include "aio/op.hpp"
+#include "device/reply_taker.hpp"
 #include "args.hpp"
 #include "device/device_binding.hpp"
 #include "measure/signal_queue.hpp"
 #include "pyclass.hpp"
 #include "transport/client.hpp"
+#include "transport/network_client.hpp"
 #include "transport/usb_backend.hpp"
 #include "transport/usb_client.hpp"
 #include "wire/commands.hpp"
@@ -19,6 +21,23 @@ namespace {
 
 namespace w = torvik::wire;
 using aio::Co;
+
+// Attribute names looked up on every request, made once: building a str per lookup is a
+// measurable share of a blocking round trip. Kept until the interpreter ends.
+struct Names {
+    py::str client_cmd, data_pool_echo, core, recv_cmd_lock;
+};
+const Names& names() {
+    static const Names* n = [] {
+        auto interned = [](const char* text) {
+            PyObject* s = PyUnicode_InternFromString(text);
+            if (s == nullptr) throw py::error_already_set();
+            return py::reinterpret_steal<py::str>(s);
+        };
+        return new Names{interned("client_cmd"), interned("data_pool_echo"), interned("_core"), interned("recv_cmd_lock")};
+    }();
+    return *n;
+}
 
 // Python types of our own transports: their sendPacket can be called in the engine directly.
 std::unordered_set<PyTypeObject*>& engineClientTypes() {
@@ -79,7 +98,7 @@ py::list preparePacket(py::handle cmd, py::handle data_out) {
 // runs on (it takes a millisecond or more, and a loop that drives several units would otherwise
 // wait for each of them in turn). Anything else goes through its Python sendPacket.
 Co<> sendCommand(py::object self, py::object cmd, py::object data_out) {
-    py::object client = self.attr("client_cmd");
+    py::object client = self.attr(names().client_cmd);
     if (engineClientTypes().count(Py_TYPE(client.ptr())) > 0) {
         auto code = smallCode(cmd);
         auto payload = code ? smallBytes(data_out) : std::nullopt;
@@ -115,17 +134,44 @@ std::optional<double> limitOf(py::handle timeout) {
     return args::seconds(timeout);
 }
 
+// Under pytorvik.run, the waiting thread reads a network unit's replies from the command
+// connection itself (see device::takeReading); elsewhere, and for other transports, nothing.
+// Made before the request goes out.
+aio::BlockingTake readingTake(py::handle self, const std::shared_ptr<device::EchoPool>& pool) {
+    if (!aio::blocking()) return {};
+    py::object core = py::getattr(self, names().core, py::none());
+    py::object gate = py::getattr(self, names().recv_cmd_lock, py::none());
+    if (!py::isinstance<HandleCore>(core) || !py::isinstance<device::Gate>(gate)) return {};
+    const HandleCore& hc = py::cast<const HandleCore&>(core);
+    auto client = std::dynamic_pointer_cast<transport::NetworkClient>(hc.cmd_slot->get());
+    // A script that swapped the pool waits on its own pool, which no read here fills.
+    if (!client || hc.core->pools.echo != pool) return {};
+    struct Reading {
+        Reading(std::shared_ptr<transport::NetworkClient> c, const std::atomic<int>* awaited)
+            : client(std::move(c)), taker(*client, awaited) {}
+        std::shared_ptr<transport::NetworkClient> client;
+        transport::NetworkClient::Taker taker;  // let go before its client
+    };
+    return [device_core = hc.core, reading = std::make_shared<Reading>(client, &pool->awaited()), gate = gateOf(gate)](
+               std::uint32_t code, std::optional<std::chrono::nanoseconds> limit, device::AwaitedReply* announced) {
+        return device::takeReading(device_core->pools, code, limit, announced, reading->taker, *gate);
+    };
+}
+
 Co<> getReplyFromPool(py::object self, py::object cmd) {
-    co_return co_await aio::awaitReply(echoPoolOf(self.attr("data_pool_echo")), replyCode(cmd), std::nullopt);
+    auto pool = echoPoolOf(self.attr(names().data_pool_echo));
+    auto take = readingTake(self, pool);
+    co_return co_await aio::awaitReply(pool, replyCode(cmd), std::nullopt, std::nullopt, std::move(take));
 }
 
 // One send and one wait; a time limit that runs out gives None.
 Co<> echoPacket(py::object self, py::object cmd, py::object data_out, py::object timeout) {
-    auto pool = echoPoolOf(self.attr("data_pool_echo"));
+    auto pool = echoPoolOf(self.attr(names().data_pool_echo));
     device::AwaitedReply announced(pool);
+    auto take = readingTake(self, pool);
     co_await sendCommand(self, cmd, data_out);
     try {
-        co_return co_await aio::awaitReply(pool, replyCode(cmd), limitOf(timeout), std::move(announced));
+        co_return co_await aio::awaitReply(pool, replyCode(cmd), limitOf(timeout), std::move(announced), std::move(take));
     } catch (const aio::TimedOut&) {
     }
     co_return py::none();
@@ -143,10 +189,11 @@ Co<> echoPacketWithRetry(py::object self, py::object cmd, py::object data_out, p
     }
     if (!value.is_none()) co_return value;
     py::object remaining = py::module_::import("builtins").attr("max")(timeout - retry_timeout * num_retries, 0);
-    auto pool = echoPoolOf(self.attr("data_pool_echo"));
+    auto pool = echoPoolOf(self.attr(names().data_pool_echo));
     bool timed_out = false;
     try {
-        value = co_await aio::awaitReply(pool, replyCode(cmd), args::seconds(remaining));
+        value = co_await aio::awaitReply(pool, replyCode(cmd), args::seconds(remaining), std::nullopt,
+                                         readingTake(self, pool));
     } catch (const aio::TimedOut&) {
         timed_out = true;
     }
