@@ -32,15 +32,6 @@ def test_error_classes_carry_code_and_text(name, code, msg):
     assert info.value.code == code
 
 
-def test_class_count_and_declaration_order():
-    errors = [n for n, v in vars(t).items() if isinstance(v, type) and issubclass(v, (t.Error, t.TorvikWarning))
-              and v not in (t.Error, t.TorvikWarning)]
-    assert len(errors) == 68
-    assert errors[:3] == ["USBConnectionError", "NetworkConnectionError", "NetworkConnectionLostError"]
-    assert errors.index("AIQueueOverflowWarning") == errors.index("AOFormNotAvaliableError") + 1
-    assert errors[-1] == "FirmwareCommandsError"
-
-
 @pytest.mark.parametrize("args,kwargs,msg", [
     (("port",), {}, "port"),
     ((), {"msg": "port"}, "port"),
