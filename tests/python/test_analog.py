@@ -1,7 +1,6 @@
 """Analog input and output against the emulator: payloads, decoding, the AI gate and worker."""
 import asyncio
 import struct
-import threading
 
 import pytest
 
@@ -208,18 +207,6 @@ def test_gate_worker_and_reader(on):
     assert dev.ai_signal_queue.get_nowait() is marker
 
 
-def test_wrong_length_payload_ends_the_worker(on, monkeypatch):
-    dev, unit = on("probe")
-    seen = []
-    monkeypatch.setattr(threading, "excepthook", lambda args: seen.append(args.exc_type))
-    assert dev.ai_stream_thread.is_alive()
-    dev.ai_lock.release()  # open the gate as a successful open does
-    unit.send_frame(t.START_AI_STREAMING_VARIABLE, b"\x00\x00" + b"\x01" * 5)
-    dev.ai_stream_thread.join(2)
-    assert not dev.ai_stream_thread.is_alive() and seen == [ValueError]
-    dev.ai_lock.acquire()
-
-
 def test_free_ends_the_worker_at_the_gate_or_in_the_get(units):
     for open_gate in (False, True):
         dev = AnalogProbe(verbose=False)
@@ -231,11 +218,3 @@ def test_free_ends_the_worker_at_the_gate_or_in_the_get(units):
         assert not dev.ai_stream_thread.is_alive() and dev.ai_killed
         dev.close(verbose=False)
 
-
-def test_getters_and_pin_maps(handles):
-    analog, _ = handles["analog"]
-    output, _ = handles["output"]
-    assert list(analog.AI_getPort()) == [0] and analog._AI_getPinMapPort(0) == [1]
-    assert list(output.AO_getPort()) == [0] and output._AO_getPinMapPort(0) == [3]
-    assert (output.ao_volt_min, output.ao_volt_max, output.ao_channel) == (-10, 10, 8)
-    assert analog._ckeckAISamplingRate(20000) and analog._checkAIMode(0)

@@ -152,12 +152,7 @@ BAD = [
     ("UART_setDataBit_async", (1, 2), t.UARTDataBitNotSupportError),
     ("UART_read_async", (3, 1), t.UARTPortNotAvaliableError),
     ("UART_read_async", (1, 1.0), t.InputTypeNotCorrectError),
-    ("CAN_write_async", (1, 1, [0] * 9), t.CANDataLengthNotVaildError),
     ("CAN_write_async", (1, 1, [256]), t.InputDataNotInRangeError),
-    ("CAN_write_async", (1, 1, [1], 1), t.InputTypeNotCorrectError),
-    ("CAN_setSpeed_async", (1, 4), t.CANSpeedNotVaildError),
-    ("CAN_open_async", (2,), t.CANPortNotAvaliableError),
-    ("_CAN_setTXPriority_async", (1, 0, 0), TypeError),
 ]
 
 

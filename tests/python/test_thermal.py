@@ -150,14 +150,6 @@ def test_sensor_type_range_follows_the_device_name(on, kind, type_, accepted):
         assert sent(unit) == []
 
 
-def test_the_rtd_handle_has_no_thermocouple_operations(thermal):
-    rtd, _ = thermal["rtd"]
-    for name in ("Thermal_setOverSampling_async", "Thermal_setJunctionOn_async", "_Thermal_readJunction_async",
-                 "_Thermal_writeJunction_async"):
-        assert not hasattr(rtd, name)
-    assert rtd.Thermal_getPinMap() == {1: [(1, 5), (2, 0), (2, 1), (2, 2), (2, 3)], 2: [(1, 5), (2, 0), (3, 3), (3, 4), (3, 5)]}
-
-
 @pytest.mark.parametrize("kind,open_status", [("tc", 1), ("rtd", 0x80)])
 def test_an_open_circuit_shows_in_the_status_and_reads_nan(on, kind, open_status):
     dev, unit = on(kind)
@@ -218,19 +210,15 @@ BAD = [
     ("Thermal_close_async", (1.0,), t.InputTypeNotCorrectError),
     ("Thermal_close_async", (0,), t.ThermalPortNotAvaliableError),
     ("Thermal_setNoiseFilter_async", (1, 0, 2), t.ThermalModeNotVaildError),
-    ("Thermal_setNoiseFilter_async", (1, 2, 0), t.ThermalChipSelectNotAvaliableError),
     ("Thermal_setNoiseFilter_async", (1, 0, 1.0), t.InputTypeNotCorrectError),
     ("Thermal_setOverSampling_async", (1, 0, 5), t.ThermalModeNotVaildError),
     ("Thermal_setType_async", (1, 0, -1), t.ThermalTypeNotVaildError),
-    ("Thermal_getStatus_async", (1, 2), t.ThermalChipSelectNotAvaliableError),
     ("Thermal_readSensor_async", (0, 0), t.ThermalPortNotAvaliableError),
     ("_Thermal_readOffset_async", (1, -1), t.ThermalChipSelectNotAvaliableError),
     ("_Thermal_writeOffset_async", (1, 0, "1.0"), t.InputTypeNotCorrectError),
     ("_Thermal_saveOffset_async", (1, 0, None), t.InputTypeNotCorrectError),
-    ("_Thermal_loadOffset_async", (1, 2), t.ThermalChipSelectNotAvaliableError),
     ("Thermal_setJunctionOn_async", (1, 0, 1), t.InputTypeNotCorrectError),
     ("_Thermal_readJunction_async", (3, 0), t.ThermalPortNotAvaliableError),
-    ("_Thermal_writeJunction_async", (1, 2, 1.0), t.ThermalChipSelectNotAvaliableError),
 ]
 
 
