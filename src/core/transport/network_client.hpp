@@ -153,11 +153,11 @@ private:
     // The burst that is there, read without waiting; read lock held.
     std::vector<wire::Packet> readBurst(SocketHandle& sock, std::size_t length);
 
-    // receiveAndSplit's state, read and written under read_m_.
+    // The reads' state, written under read_m_ (flowing_ is also looked at before a wait).
     std::mutex read_m_;
     std::vector<std::uint8_t> burst_;
-    bool flowing_ = false;               // the last read took stream data
-    std::vector<wire::Packet> held_;     // frames a taker could not file, to the receive thread
+    std::atomic<bool> flowing_{false};  // the last read took stream data
+    std::vector<wire::Packet> held_;    // frames a taker could not file, to the receive thread
     // The receive thread's wait while takers read: until a tick of kLinger passed without
     // takers, or until a send or a taker that leaves finds others waiting for a reply.
     void standAside();
