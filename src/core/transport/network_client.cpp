@@ -268,7 +268,8 @@ void NetworkClient::resumeReader() {
 NetworkClient::Taker::Taker(NetworkClient& client, const std::atomic<int>* awaited) : client_(client), awaited_(awaited) {
     {
         std::lock_guard lock(client_.mutex_);
-        if (!client_.sock_ || !client_.sock_->isStream() || client_.sock_->ended || client_.timeout_) return;
+        if (!client_.sock_ || !client_.sock_->isStream() || client_.sock_->ended || client_.timeout_ || client_.refused_)
+            return;
         sock_ = client_.sock_;
     }
     ++client_.takers_;
@@ -309,7 +310,12 @@ bool NetworkClient::Taker::readAndFile(const std::function<void(wire::Packet&)>&
         try {
             file(*it);
         } catch (...) {
+            // The receive thread files these and fails on the first, as it would have had it read
+            // them. It may be waiting on a socket that has nothing left to read: the cancel ends
+            // that wait (for good, but the thread ends at once, and no taker reads after it).
             client_.held_.assign(std::make_move_iterator(it), std::make_move_iterator(packets.end()));
+            client_.refused_ = true;
+            sock_->cancel();
             break;
         }
     }

@@ -124,8 +124,8 @@ public:
         const std::shared_ptr<SocketHandle>& socket() const { return sock_; }
         // Reads what is there without waiting and hands the frames to `file` under the read lock.
         // A frame `file` refuses (throws) is kept with the rest for the receive thread to file
-        // (and fail on) as it would have; the taker reads no more then. False when the
-        // connection is no longer read this way.
+        // (and fail on) as it would have; no taker reads this connection after that. False when
+        // the connection is no longer read this way.
         bool readAndFile(const std::function<void(wire::Packet&)>& file);
         // Stops reading: the receive thread reads again once no taker does.
         void leave();
@@ -158,6 +158,7 @@ private:
     std::vector<std::uint8_t> burst_;
     std::atomic<bool> flowing_{false};  // the last read took stream data
     std::vector<wire::Packet> held_;    // frames a taker could not file, to the receive thread
+    std::atomic<bool> refused_{false};  // a taker could not file a frame: takers read no more
     // The receive thread's wait while takers read: until a tick of kLinger passed without
     // takers, or until a send or a taker that leaves finds others waiting for a reply.
     void standAside();
