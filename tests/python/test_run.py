@@ -187,6 +187,17 @@ def test_a_waiting_run_files_what_else_comes_and_reads_nothing_while_the_gate_is
     assert t.run(dev._getReplyFromPool_async(0x64)) == b"\x01\x00"  # filed once the gate opened
 
 
+def test_a_full_bounded_stream_queue_holds_up_the_receive_thread_but_not_a_run(probe):
+    dev, unit = probe
+    queue = t.StreamQueue(1)
+    queue.put(b"x")
+    dev.data_pool_strm[(t.START_UART_READING, 1)] = queue
+    unit.send_frame(t.START_UART_READING, b"\x01\x00hi")  # the receive thread waits for room
+    assert t.run(dev._echoPacket_async(0x65, [1], 0.1)) is None  # its time limit still holds
+    assert queue.get() == b"x" and queue.get(timeout=2) == b"hi"
+    assert t.run(dev._getReplyFromPool_async(0x65)) == b"\x01\x00"  # filed once there was room
+
+
 def test_usb_commands_go_out_on_the_callers_thread(usb_unit, make_dev):
     unit = usb_unit()  # skips unless pytest runs on the emulator's USB bus
     dev = make_dev(devices.TorvikUsbSink)

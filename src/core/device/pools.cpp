@@ -223,6 +223,11 @@ bool StreamPool::contains(const StreamKey& key) const {
     return queues_.count(key) > 0;
 }
 
+bool StreamPool::anyBounded() const {
+    std::lock_guard lock(m_);
+    return std::any_of(queues_.begin(), queues_.end(), [](const auto& q) { return q.second->maxsize() > 0; });
+}
+
 std::size_t StreamPool::size() const {
     std::lock_guard lock(m_);
     return queues_.size();

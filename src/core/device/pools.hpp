@@ -154,6 +154,8 @@ public:
     void set(const StreamKey& key, std::shared_ptr<StreamQueue> queue);
     bool erase(const StreamKey& key);
     bool contains(const StreamKey& key) const;
+    // Whether a queue with a bound is among them (filing into it may have to wait).
+    bool anyBounded() const;
     std::size_t size() const;
     std::vector<StreamKey> keys() const;
 

@@ -60,7 +60,7 @@ std::shared_ptr<platform::WakeSignal> threadSignal() {
 std::optional<Bytes> takeReading(DataPools& pools, std::uint32_t code, std::optional<std::chrono::nanoseconds> limit,
                                  AwaitedReply* announced, transport::NetworkClient::Taker& taker, const Gate& gate) {
     auto signal = threadSignal();
-    if (!taker.socket() || !signal || gate.locked()) {
+    if (!taker.socket() || !signal || gate.locked() || pools.strm->anyBounded()) {
         taker.leave();
         return pools.echo->takeWaiting(code, limit, announced);
     }
@@ -80,7 +80,9 @@ std::optional<Bytes> takeReading(DataPools& pools, std::uint32_t code, std::opti
             left = std::chrono::duration<double>(*limit - (clock::now() - start)).count();
             if (*left <= 0) break;
         }
-        if (gate.locked()) taker.leave();  // nothing is read while a script holds the receive thread
+        // Nothing is read while a script holds the receive thread, nor while a queue with a bound
+        // could make the filing wait: that wait would keep no time limit (the receive thread's does).
+        if (gate.locked() || pools.strm->anyBounded()) taker.leave();
         const auto outcome = waiter->sleep(taker.socket().get(), left);
         if (outcome == WatchingWaiter::Outcome::Woken) break;
         if (outcome == WatchingWaiter::Outcome::Readable) taker.readAndFile(file);
