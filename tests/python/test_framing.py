@@ -12,11 +12,13 @@ def frame(cmd, payload=b"", length=None):
 @pytest.mark.parametrize("stream,packets,rest", [
     (b"", [], b""),
     (b"\x02\x00\x05\xf0abc", [], b"\x02\x00\x05\xf0abc"),
-    (frame(0xF0, b"x\r\ny") + frame(0xF1, b"\x02\x02"), [(0xF0, b"x\r\ny"), (0xF1, b"\x02\x02")], b""),
-    (b"junk\r\n" + frame(0xF2) + b"\x02\x00", [(0xF2, b"")], b"\x02\x00"),
+    (frame(0xF0, b"\x02\r\n\x02\x00\r\nA") + frame(0x2049, b"\x02\x02"),
+     [(0xF0, b"\x02\r\n\x02\x00\r\nA"), (0x2049, b"\x02\x02")], b""),
+    (b"\x02junk\r\n" + frame(0xF2) + b"\x02\x00", [(0xF2, b"")], b"\x02\x00"),
     (b"\x02\x00\x00\r\n", [(0x0D0A, b"")], b""),
     (b"\x02\x00\x03\x30\x01\x00\r\n", [(0x3001, b"\x00")], b""),
     (b"\x02\x00\x01\x20\r\n", [(0x200D, b"")], b""),
+    (b"\x02\x00\x01\x31\r\n", [(0x31, b"")], b""),
     (b"\x02\x00\x02\x00\x30\r\n", [(t.OPEN_CAN, b"")], b""),
     (frame(t.RELAY_READ, b"\x01", length=3), [(t.RELAY_READ, b"\x01")], b""),
     # A payload that ends in a well-shaped frame is taken for that inner frame.
