@@ -52,18 +52,6 @@ TEST(Gate, ReleaseWakesATakerBesideAPassingWorker) {
     EXPECT_FALSE(g.locked());  // passing leaves the gate as it was
 }
 
-TEST(EchoPool, LatestReplyWinsAndOrderOfFirstFilingIsKept) {
-    EchoPool p;
-    p.put(0xF1, {1});
-    p.put(0xF0, {2});
-    p.put(0xF1, {3});
-    EXPECT_EQ(p.codes(), (std::vector<std::uint32_t>{0xF1, 0xF0}));
-    EXPECT_EQ(p.take(0xF1), (Bytes{3}));
-    EXPECT_EQ(p.take(0xF1), std::nullopt);
-    p.put(0xF2, {});
-    EXPECT_EQ(p.take(0xF2), Bytes{});  // an empty reply is a value
-}
-
 TEST(EchoPool, WaitersAreWokenOnceByTheirCodeAndCancelledWaitersNever) {
     EchoPool p;
     auto a = std::make_shared<CountingWaiter>(), b = std::make_shared<CountingWaiter>(), c = std::make_shared<CountingWaiter>();
@@ -179,39 +167,29 @@ TEST(StreamQueue, APacedConsumerSleepsOutItsWindowUnlessAScriptPuts) {
     EXPECT_FALSE(q.getPaced(5ms, 1ms).has_value());
 }
 
-TEST(StreamQueue, BoundedPutAndTimedGet) {
+TEST(StreamQueue, ABoundedPutWaitsForRoomAConsumerMakes) {
     StreamQueue q(2);
     EXPECT_TRUE(q.put(StreamItem{StreamItem::Kind::Bytes, {1}, nullptr}, 0ns));
     EXPECT_TRUE(q.put(StreamItem{StreamItem::Kind::Token, {}, nullptr}, 0ns));
-    EXPECT_TRUE(q.full());
-    EXPECT_FALSE(q.put(StreamItem{}, 1ms));
     std::thread consumer([&] { EXPECT_TRUE(q.get(1s).has_value()); });
     EXPECT_TRUE(q.put(StreamItem{}, 2s));  // room made by the consumer
     consumer.join();
     EXPECT_EQ(q.takeUpTo(10).size(), 2u);
-    EXPECT_FALSE(q.get(1ms).has_value());
 }
 
+// What the module's routing test leaves out: CAN and motion payloads, a broadcast reply's status
+// byte, and the frames that are short or ignored.
 TEST(Router, FilesByCodeAndFirstBytes) {
     DataPools pools;
-    putToDataPool(pools, w::GET_DRIVER_INFO, {1, 2});
-    putToDataPool(pools, w::START_UART_READING, {2, 9, 0x41, 0x42});
-    putToDataPool(pools, w::START_UART_READING, {3, 9});
-    putToDataPool(pools, w::START_AI_STREAMING, {0, 0, 5});
     putToDataPool(pools, w::START_CAN, {7});
     putToDataPool(pools, w::START_MOTION_MONITORING, {1, 2, 3});
     putToDataPool(pools, w::GET_DEVICE_INFO, {1, 4, 5});
     putToDataPool(pools, w::GET_DEVICE_INFO, {1, 4, 5});
     putToDataPool(pools, w::GET_DEVICE_INFO, {0, 6});
-    EXPECT_EQ(pools.echo->take(w::GET_DRIVER_INFO), (Bytes{1, 2}));
-    EXPECT_EQ(pools.strm->at({w::START_UART_READING, 2})->get(0ns)->bytes, (Bytes{0x41, 0x42}));
-    EXPECT_EQ(pools.strm->at({w::START_UART_READING, 3})->size(), 1u);
-    EXPECT_EQ(pools.strm->at({w::START_AI_STREAMING, std::nullopt})->get(0ns)->bytes, (Bytes{5}));
     EXPECT_EQ(pools.strm->at({w::START_CAN, std::nullopt})->get(0ns)->bytes, Bytes{});
     EXPECT_EQ(pools.strm->at({w::START_MOTION_MONITORING, std::nullopt})->get(0ns)->bytes, (Bytes{1, 2, 3}));
     EXPECT_EQ(pools.bcst->at(w::GET_DEVICE_INFO)->items(), (std::vector<Bytes>{{4, 5}}));
     EXPECT_THROW(putToDataPool(pools, w::START_UART_READING, {}), RoutingError);
-    EXPECT_THROW(putToDataPool(pools, w::CHECK_MAC_AND_SET_IP, {}), RoutingError);
     EXPECT_NO_THROW(putToDataPool(pools, w::START_AI_STREAMING_VARIABLE, {}));
     EXPECT_EQ(checkCommandType(w::CHECK_MAC_AND_REBOOT, std::vector<std::uint8_t>{2}), CommandType::Ignore);
 }

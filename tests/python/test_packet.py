@@ -68,13 +68,14 @@ def test_round_trips_by_code_with_every_kind_of_await(dev, unit):
 
 def test_unclaimed_replies_stay_newest_wins_and_empty_is_a_value(dev, unit):
     unit.send_frame(t.GET_GATEWAY, b"\x01")
-    unit.send_frame(t.GET_GATEWAY, b"\x02")
     unit.send_frame(t.GET_SERIAL_NUMBER, b"")
+    unit.send_frame(t.GET_GATEWAY, b"\x02")
     unit.wait_frames(0)
     deadline = time.monotonic() + 2
-    while t.GET_SERIAL_NUMBER not in dev.data_pool_echo and time.monotonic() < deadline:
+    while dev.data_pool_echo.get(t.GET_GATEWAY) != b"\x02" and time.monotonic() < deadline:
         time.sleep(0.005)
     assert dev.data_pool_echo[t.GET_GATEWAY] == b"\x02" and dev.data_pool_echo[t.GET_SERIAL_NUMBER] == b""
+    assert list(dev.data_pool_echo) == [t.GET_GATEWAY, t.GET_SERIAL_NUMBER]  # in the order first filed
     unit.no_reply(t.GET_GATEWAY)
     # The stale reply answers at once; the request still went out.
     assert run(dev._echoPacketWithRetry_async(t.GET_GATEWAY, [5])) == b"\x02"
