@@ -3,6 +3,7 @@
 A class whose name is a key of LABEL_DICT prints its label in the connect messages; Probe has no
 label and is constructed with verbose=False.
 """
+import asyncio
 import threading
 
 import pytest
@@ -82,6 +83,42 @@ def thread_cpu_seconds(thread):
 
 
 assert threading  # re-exported for tests that wait on threads
+
+
+def run(coro):
+    return asyncio.run(coro)
+
+
+def fresh(handles):
+    """on(name) for a module's {name: (handle, unit)}: that pair, with the unit's faults and log cleared."""
+    def pick(which):
+        dev, unit = handles[which]
+        unit.clear_faults()
+        unit.clear_log()
+        return dev, unit
+    return pick
+
+
+def check_operation(dev, unit, op, args, replies, result):
+    """Scripts the unit's replies and runs the operation: its result, of the same type, or the error
+    class it raises."""
+    for code, reply in replies.items():
+        unit.set_reply(code, bytes(reply))
+    if isinstance(result, type):
+        with pytest.raises(result):
+            run(getattr(dev, op)(*args))
+    else:
+        got = run(getattr(dev, op)(*args))
+        assert got == result and type(got) is type(result)
+
+
+def check_refused(dev, unit, op, args, error, text=None):
+    """The operation fails with `error`, a module error with its usual text (or `text`), and sends nothing."""
+    with pytest.raises(error) as info:
+        run(getattr(dev, op)(*args))
+    if issubclass(error, pytorvik.Error):
+        assert str(info.value) == str(error(text))
+    assert unit.log() == []
 
 
 class ProductUnits:

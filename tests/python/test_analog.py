@@ -5,6 +5,7 @@ import struct
 import pytest
 
 import pytorvik as t
+from devices import check_operation, check_refused, fresh, run
 
 FF = 0xFF
 RATIO = 0.00030517578125
@@ -48,16 +49,7 @@ def handles(units):
 
 @pytest.fixture
 def on(handles):
-    def pick(which):
-        dev, unit = handles[which]
-        unit.clear_faults()
-        unit.clear_log()
-        return dev, unit
-    return pick
-
-
-def run(coro):
-    return asyncio.run(coro)
+    return fresh(handles)
 
 
 def f32(v):
@@ -122,14 +114,7 @@ CASES = [
 @pytest.mark.parametrize("which,op,args,replies,sent,result", CASES, ids=[c[1] + str(i) for i, c in enumerate(CASES)])
 def test_operation(on, which, op, args, replies, sent, result):
     dev, unit = on(which)
-    for code, reply in replies.items():
-        unit.set_reply(code, bytes(reply))
-    if isinstance(result, type):
-        with pytest.raises(result):
-            run(getattr(dev, op)(*args))
-    else:
-        got = run(getattr(dev, op)(*args))
-        assert got == result and type(got) is type(result)
+    check_operation(dev, unit, op, args, replies, result)
     unit.wait_frames(len(sent))  # a command sent without a reply may still be on its way
     assert [(f.code, list(f.payload)) for f in unit.log()] == sent
 
@@ -159,11 +144,7 @@ BAD = [
 
 @pytest.mark.parametrize("which,op,args,error", BAD, ids=[b[1] + str(i) for i, b in enumerate(BAD)])
 def test_bad_input_sends_nothing(on, which, op, args, error):
-    dev, unit = on(which)
-    with pytest.raises(error) as info:
-        run(getattr(dev, op)(*args))
-    assert str(info.value) == str(error())
-    assert unit.log() == []
+    check_refused(*on(which), op, args, error)
 
 
 def stream(unit, code, counts_per_frame, frames, payload_prefix=b"\x00\x00"):

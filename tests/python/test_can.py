@@ -10,12 +10,9 @@ import warnings
 import pytest
 
 import pytorvik as t
+from devices import check_refused, run
 
 PINS = [(1, 4), (1, 5), (2, 0), (2, 1), (2, 2), (2, 3)]
-
-
-def run(coro):
-    return asyncio.run(coro)
 
 
 @pytest.fixture
@@ -325,9 +322,5 @@ BAD += [
 
 @pytest.mark.parametrize("op,args,error", BAD, ids=["%s%d" % (b[0], i) for i, b in enumerate(BAD)])
 def test_bad_input_fails_before_anything_is_sent(lan, op, args, error):
-    dev, unit = lan
-    with pytest.raises(error) as info:
-        run(getattr(dev, op)(*args))
-    if error is t.InputDataNotInRangeError:
-        assert "The specified CAN data elements not in range" in str(info.value)
-    assert unit.log() == []
+    in_range = error is t.InputDataNotInRangeError
+    check_refused(*lan, op, args, error, "The specified CAN data elements not in range" if in_range else None)

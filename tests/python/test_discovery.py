@@ -11,14 +11,11 @@ import pytest
 import pytorvik as t
 from pytorvik import simctl
 from conftest import usb_host, wait_listed
+from devices import run
 
 in_private_namespace = pytest.mark.skipif(
     [name for _, name in socket.if_nameindex()] != ["lo"],
     reason="broadcasts run only in a private network namespace with loopback alone (see tools/run-tests.sh)")
-
-
-def run(coro):
-    return asyncio.run(coro)
 
 
 async def both(*coros):

@@ -10,7 +10,7 @@ import time
 import pytest
 
 import pytorvik as t
-from devices import Probe
+from devices import Probe, run
 
 
 @pytest.fixture
@@ -26,10 +26,6 @@ def dev(unit, make_dev):
     d.connect(unit.addr, port=unit.cmd_port, verbose=False)
     unit.wait_connected()
     return d
-
-
-def run(coro):
-    return asyncio.run(coro)
 
 
 def test_prepare_packet_builder_rules():

@@ -1,11 +1,10 @@
 """System, network, Wi-Fi and digital operations: request payloads, reply decoding, fields, and
 argument checks, against the emulator with scripted replies."""
-import asyncio
 
 import pytest
 
 import pytorvik as t
-from devices import TorvikAirAnalog
+from devices import TorvikAirAnalog, check_operation, check_refused, fresh, run
 
 FF = 0xFF
 
@@ -34,16 +33,7 @@ def handles(units):
 
 @pytest.fixture
 def on(handles):
-    def pick(which):
-        dev, unit = handles[which]
-        unit.clear_faults()
-        unit.clear_log()
-        return dev, unit
-    return pick
-
-
-def run(coro):
-    return asyncio.run(coro)
+    return fresh(handles)
 
 
 # (handle, operation, args, {code: scripted reply}, [(code, request payload) sent], result, {field: value})
@@ -142,14 +132,7 @@ CASES = [
 @pytest.mark.parametrize("which,op,args,replies,sent,result,fields", CASES, ids=[c[1] + str(i) for i, c in enumerate(CASES)])
 def test_operation(on, which, op, args, replies, sent, result, fields):
     dev, unit = on(which)
-    for code, reply in replies.items():
-        unit.set_reply(code, bytes(reply))
-    if isinstance(result, type):
-        with pytest.raises(result):
-            run(getattr(dev, op)(*args))
-    else:
-        got = run(getattr(dev, op)(*args))
-        assert got == result and type(got) is type(result)
+    check_operation(dev, unit, op, args, replies, result)
     assert [(f.code, list(f.payload)) for f in unit.log()] == sent
     for name, value in fields.items():
         assert getattr(dev, name) == value
@@ -195,12 +178,7 @@ BAD = [
 
 @pytest.mark.parametrize("which,op,args,error", BAD, ids=[b[1] + str(i) for i, b in enumerate(BAD)])
 def test_bad_input_sends_nothing(on, which, op, args, error):
-    dev, unit = on(which)
-    with pytest.raises(error) as info:
-        run(getattr(dev, op)(*args))
-    if issubclass(error, t.Error):
-        assert str(info.value) == str(error())
-    assert unit.log() == []
+    check_refused(*on(which), op, args, error)
 
 
 def test_pin_mode_above_nine_fails_in_the_lookup_and_maps_are_live(on):

@@ -1,6 +1,5 @@
 """Temperature channels and relay counters against the emulator: request payloads, float
 decoding, the device-name branches of the two thermal handles, the firmware's model, relay replies."""
-import asyncio
 import collections
 import math
 import os
@@ -11,10 +10,7 @@ import pytest
 import pytorvik as t
 from pytorvik import simctl
 from conftest import usb_host, wait_listed
-
-
-def run(coro):
-    return asyncio.run(coro)
+from devices import check_refused, run
 
 
 def f32(value):
@@ -224,10 +220,7 @@ BAD = [
 
 @pytest.mark.parametrize("op,args,error", BAD)
 def test_bad_arguments_fail_before_anything_is_sent(on, op, args, error):
-    dev, unit = on("tc", open_port=0)
-    with pytest.raises(error):
-        run(getattr(dev, op)(*args))
-    assert sent(unit) == []
+    check_refused(*on("tc", open_port=0), op, args, error)
 
 
 @pytest.mark.parametrize("op,extra", [

@@ -10,11 +10,7 @@ import pytest
 
 import pytorvik as t
 from conftest import listed_serials
-from devices import TorvikUsbLogic, TorvikUsbSink, thread_cpu_seconds
-
-
-def run(coro):
-    return asyncio.run(coro)
+from devices import TorvikUsbLogic, TorvikUsbSink, run, thread_cpu_seconds
 
 
 def wait_until(predicate, timeout=3.0):
