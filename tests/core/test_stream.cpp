@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <thread>
+#include <atomic>
 
 #include "stream/ai_decoder.hpp"
 #include "stream/record_queue.hpp"
@@ -78,17 +78,4 @@ TEST(StreamWorker, CutsPayloadsIntoRecordsAndEndsOnAWrongLength) {
     EXPECT_EQ(signal.size(), 3u);
     EXPECT_EQ(dropped, 1u);
     EXPECT_EQ(stream::runStreamWorker(killed, gate, data, signal, 1ms, hooks).end, stream::WorkerEnd::TimedOut);
-}
-
-TEST(StreamWorker, TokenAndKillFlagEndAWorkerWaitingInItsGet) {
-    std::atomic<bool> killed{false};
-    device::Gate gate(false);
-    device::StreamQueue data;
-    stream::RecordQueue signal(2, 0);
-    stream::WorkerHooks hooks;
-    std::thread worker([&] { EXPECT_EQ(stream::runStreamWorker(killed, gate, data, signal, 60s, hooks).end, stream::WorkerEnd::Killed); });
-    std::this_thread::sleep_for(10ms);
-    killed = true;
-    data.put(device::StreamItem{device::StreamItem::Kind::Token, {}, nullptr});
-    worker.join();
 }
