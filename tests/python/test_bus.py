@@ -7,7 +7,7 @@ import threading
 import pytest
 
 import pytorvik as t
-from devices import check_refused, run
+from devices import check_operation, check_refused, run
 
 UART = {1: [(0, 3), (0, 4)], 2: [(1, 2), (1, 3)]}
 I2C = {1: [(2, 6), (2, 7)], 2: [(3, 0), (3, 1)]}
@@ -119,13 +119,7 @@ CASES = [
 @pytest.mark.parametrize("op,args,replies,sent,result", CASES, ids=[c[0] + str(i) for i, c in enumerate(CASES)])
 def test_operation(on, op, args, replies, sent, result):
     dev, unit = on
-    for code, reply in replies.items():
-        unit.set_reply(code, bytes(reply))
-    if isinstance(result, type):
-        with pytest.raises(result):
-            run(getattr(dev, op)(*args))
-    else:
-        assert run(getattr(dev, op)(*args)) == result
+    check_operation(dev, unit, op, args, replies, result)
     assert [(f.code, list(f.payload)) for f in unit.wait_frames(len(sent))] == sent
 
 

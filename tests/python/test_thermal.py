@@ -230,10 +230,7 @@ def test_bad_arguments_fail_before_anything_is_sent(on, op, args, error):
     ("Thermal_setJunctionOn_async", (True,)), ("_Thermal_readJunction_async", ()), ("_Thermal_writeJunction_async", (1.0,)),
 ])
 def test_channel_2_is_refused_by_every_channel_operation(on, op, extra):
-    dev, unit = on("tc")
-    with pytest.raises(t.ThermalChipSelectNotAvaliableError):
-        run(getattr(dev, op)(1, 2, *extra))
-    assert sent(unit) == []
+    check_refused(*on("tc"), op, (1, 2) + extra, t.ThermalChipSelectNotAvaliableError)
 
 
 # ---- relay counters --------------------------------------------------------------------------
