@@ -206,23 +206,14 @@ def test_uart_free_ends_both_workers_in_either_state():
         dev.close(verbose=False)
 
 
-def test_can_receive_path(on):
+# (What a read gives is test_can.py's, against the unit's model.)
+def test_can_gate(on):
     dev, unit = on
     unit.set_reply(t.GET_PIN_MODE_OF_SLOT, bytes([1, 8, 0x11, 0x11, 0x11, 0x11]))
-    frames = [t.CANFrame(0x123, 0, 0, [1, 2]), t.CANFrame(0x1ABCDEF, 1, 1, [9] * 8)]
 
     async def main():
         assert await dev.CAN_open_async(1) == 0 and not dev.can_lock.locked()
-        unit.send_frame(t.START_CAN, b"\x00\x00" + bytes(frames[0].frame_in_list + frames[1].frame_in_list))
-        got = []
-        for _ in range(100):
-            got += await dev.CAN_read_async(1, -1, 0.005)
-            if len(got) == 2:
-                break
-        assert [str(f) for f in got] == ["CANFrame(id=291, id_format=0, remote=0, data=[1, 2, 0, 0, 0, 0, 0, 0])",
-                                         "CANFrame(id=28036591, id_format=1, remote=1, data=[9, 9, 9, 9, 9, 9, 9, 9])"]
-        assert isinstance(got[0], t.CANFrame)
-        with pytest.raises(RuntimeError):
+        with pytest.raises(RuntimeError):  # the unit calls the pins free: the gate is released twice
             await dev.CAN_open_async(1)
         assert await dev.CAN_close_async(1) == 0 and dev.can_lock.locked()
 
