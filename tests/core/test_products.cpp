@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <stdexcept>
+
 #include "products/products.hpp"
 
 TEST(Products, EveryTableOfEveryProductReads) {

@@ -1,7 +1,7 @@
 """Compositions of a connection base with the request/reply layer, as handles are built.
 
 A class whose name is a key of LABEL_DICT prints its label in the connect messages; Probe has no
-label and is constructed with verbose=False.
+label and is constructed with verbose=False. Beside them, the helpers the operation tables share.
 """
 import asyncio
 import threading
