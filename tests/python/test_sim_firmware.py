@@ -104,14 +104,6 @@ AIR_THREADS = "main R 1 212\ncmd B 3 480\nwifi B 4 812\ndata B 4 604\nai B 5 102
     ("TorvikLanLogic", OPEN_AI, [0], [0, 23]),              # no analog input
     ("TorvikLanLogic", RELAY_READ, [2], [2, 23]),           # no relays
     ("TorvikLanLogic", REBOOT_ON_BOOTLOADER, [], [0]),
-    # pin modes
-    ("TorvikLanLogic", GET_PIN_MODE_OF_SLOT, [0], [0, 6, 0x11, 0x11, 0x11]),
-    ("TorvikLanLogic", GET_PIN_MODE_OF_SLOT, [1], [1, 8, 0x11, 0x11, 0x11, 0x11]),
-    ("TorvikLanLogic", GET_PIN_MODE_OF_SLOT, [2], [2, 0]),
-    ("TorvikLanRelay", GET_PIN_MODE_OF_SLOT, [1], [1, 6, 0x11, 0x11, 0x11]),
-    ("TorvikLanAnalog", GET_PIN_MODE_OF_SLOT, [1], [1, 6, 0, 0, 0x90]),       # pins 0-4 not brought out, 5 ADC
-    ("TorvikLanOutput", GET_PIN_MODE_OF_SLOT, [3], [3, 12, 0, 0, 0, 0, 0, 0x10]),  # the output pin idles until opened
-    ("TorvikAirAnalog", GET_PIN_MODE_OF_SLOT, [1], [1, 6, 0, 0, 0x90]),
 ])
 def test_replies(start, cls, code, payload, reply):
     h = start(cls)
