@@ -215,7 +215,7 @@ TEST(AnalogInput, ATornPayloadIsNoWholeNumberOfFrames) {
 
 // ---- analog output --------------------------------------------------------------------------
 
-TEST(AnalogOutput, WritesReadBackAndRefuseWhatIsOutOfRange) {
+TEST(AnalogOutput, WritesAndFormsReadBackAndRefuseWhatIsOutOfRange) {
     Unit u("TorvikLanOutput");
     EXPECT_EQ(u.ask(wire::WRITE_AO_BY_CHANNEL, withF32({0, 1}, {1.5f})), (Bytes{0, 16}));  // not open
     EXPECT_EQ(u.ask(wire::OPEN_AO, {0}), (Bytes{0, 0}));
@@ -232,11 +232,7 @@ TEST(AnalogOutput, WritesReadBackAndRefuseWhatIsOutOfRange) {
     EXPECT_EQ(u.ask(wire::GET_AO_COUNTERS, {0}), (Bytes{0, 0, 0, 0, 0, 0, 0, 0, 9}));
     EXPECT_EQ(u.ask(wire::SET_AO_SPAN, {0}), (Bytes{0, 0}));
     EXPECT_EQ(u.ask(wire::GET_AO_VALUES, {1}), (Bytes{1, 16}));
-}
-
-TEST(AnalogOutput, FormRepliesCarryTheirStatusAtIndexThree) {
-    Unit u("TorvikLanOutput");
-    u.ask(wire::OPEN_AO, {0});
+    // Form replies carry their status at index 3.
     EXPECT_EQ(u.fw.statusIndex(wire::SET_AO_FORM), 3u);
     EXPECT_EQ(u.ask(wire::SET_AO_FORM, {0, 0, 2, 1}), (Bytes{0, 0, 2, 0}));
     EXPECT_EQ(u.ask(wire::SET_AO_FORM, {0, 0, 2, 4}), (Bytes{0, 0, 2, 16}));
