@@ -90,7 +90,6 @@ AIR_THREADS = "main R 1 212\ncmd B 3 480\nwifi B 4 812\ndata B 4 604\nai B 5 102
     ("TorvikAirAnalog", GET_BATTERY, [1], [1, 0x05, 0x64]),                   # 1380
     ("TorvikAirAnalog", GET_THERMOMETER, [1], [1, 0x0C, 0xC0]),               # 25.5 degrees C
     ("TorvikAirAnalog", READ_ACCELERATION, [1], [1, 0, 16, 0xFF, 0xF0, 0x40, 0]),
-    ("TorvikAirAnalog", GET_WIFI_CONFIGURATION, [1], [1, 0, 5, 0, 60]),
     ("TorvikAirAnalog", GET_WIFI_BANDWIDTH, [1], [1, 20]),
     ("TorvikAirAnalog", SET_AP, [1], [1, 0]),
     ("TorvikAirAnalog", GET_RSSI, [2], [2, 1]),                               # the radio is port 1
@@ -201,7 +200,7 @@ def test_wifi_settings_stored_and_sensors_steered(air):
     assert [air.ask(c, [1]) for c in (GET_RSSI, GET_THERMOMETER, READ_ACCELERATION)] == [
         bytes([1, 186]), bytes([1, 0xFF, 0x00]), bytes([1, 0, 1, 0, 2, 0xFF, 0xFF])]
     air.ask(RESET_FACTORY)
-    assert air.ask(GET_WIFI_CONFIGURATION, [1]) == bytes([1, 0, 5, 0, 60])
+    assert air.ask(GET_WIFI_CONFIGURATION, [1]) == bytes([1, 0, 5, 0, 60])  # as it came
     assert air.ask(GET_RSSI, [1]) == bytes([1, 186])  # sensors measure on
 
 
@@ -278,17 +277,6 @@ def open_lan_loopback(lan):
     assert lan.ask(SET_DIO_CURRENT, [1] + list(w(0xFFFF, 0xFFFF, 0, 0))) == b"\x01\x00"
 
 
-def test_default_wiring_loops_outputs_to_inputs(lan):
-    assert lan.unit.wiring() == [((0, n), (1, n)) for n in range(6)]
-    open_lan_loopback(lan)
-    lan.unit.set_levels(1, 0b11000000)  # pins 6 and 7 have no wire
-    assert lan.ask(SET_AND_WRITE_DO, [0] + list(w(0xFFFF, 0b100101))) == bytes([0]) + w(0b100101)
-    assert lan.ask(READ_AND_GET_DI, [1] + list(w(0xFFFF))) == bytes([1]) + w(0b11100101)
-    assert lan.ask(READ_AND_GET_DI, [1] + list(w(0b11))) == bytes([1]) + w(0b01)
-    assert lan.ask(TOGGLE_AND_WRITE_DO, [0] + list(w(0b11))) == bytes([0]) + w(0b100110)
-    assert lan.ask(READ_AND_GET_DI, [1] + list(w(0x3F))) == bytes([1]) + w(0b100110)
-
-
 def test_state_is_driven_only_when_written(lan):
     open_lan_loopback(lan)
     assert lan.ask(SET_DIO_STATE, [0] + list(w(0b1111, 0b1010))) == b"\x00\x00"
@@ -303,14 +291,20 @@ def test_state_is_driven_only_when_written(lan):
 
 def test_wiring_and_levels_through_control(lan):
     u = lan.unit
+    assert u.wiring() == [((0, n), (1, n)) for n in range(6)]  # by default outputs loop to inputs
     open_lan_loopback(lan)
-    lan.ask(SET_AND_WRITE_DO, [0] + list(w(0xFFFF, 0x3F)))
-    u.clear_wiring()
+    u.set_levels(1, 0b11000000)  # pins 6 and 7 have no wire
+    assert lan.ask(SET_AND_WRITE_DO, [0] + list(w(0xFFFF, 0b100101))) == bytes([0]) + w(0b100101)
+    assert lan.ask(READ_AND_GET_DI, [1] + list(w(0xFFFF))) == bytes([1]) + w(0b11100101)
+    assert lan.ask(READ_AND_GET_DI, [1] + list(w(0b11))) == bytes([1]) + w(0b01)
+    assert lan.ask(TOGGLE_AND_WRITE_DO, [0] + list(w(0b11))) == bytes([0]) + w(0b100110)
+    assert lan.ask(READ_AND_GET_DI, [1] + list(w(0x3F))) == bytes([1]) + w(0b100110)
+    u.clear_wiring()  # unwired, the inputs read their set levels
     u.set_levels(1, 0b10, mask=0b11)
-    assert lan.ask(READ_AND_GET_DI, [1] + list(w(0xFF))) == bytes([1]) + w(0b10)
+    assert lan.ask(READ_AND_GET_DI, [1] + list(w(0xFF))) == bytes([1]) + w(0b11000010)
     u.wire(((0, 5), (1, 0)))
     assert u.wiring() == [((0, 5), (1, 0))]
-    assert lan.ask(READ_AND_GET_DI, [1] + list(w(0xFF))) == bytes([1]) + w(0b11)
+    assert lan.ask(READ_AND_GET_DI, [1] + list(w(0xFF))) == bytes([1]) + w(0b11000011)
     u.wire(((0, 4), (1, 0)))  # pin 1.0 takes its new wire
     assert u.wiring() == [((0, 4), (1, 0))]
     u.default_wiring()
