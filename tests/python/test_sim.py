@@ -278,13 +278,6 @@ def test_data_connection_of_a_wifi_unit(sim):
         air.wait_disconnected("cmd")
 
 
-def test_sending_needs_a_connection(core):
-    with pytest.raises(simctl.SimError, match="no open cmd link"):
-        core.send_raw(b"\x00")
-    with pytest.raises(simctl.SimError, match="no data channel"):
-        core.send_frame(GET_DRIVER_INFO, conn="data")
-
-
 # ---- connections ------------------------------------------------------------------------------
 
 def test_shutdown_sends_eof_and_keeps_reading(core, host):
@@ -350,12 +343,16 @@ def test_wait_is_answered_by_the_event(core):
     assert [f.payload for f in seen[0]] == [b"\x01"]
 
 
-def test_waits_time_out(core):
+def test_without_a_host_waits_time_out_and_sends_fail(core):
     with pytest.raises(TimeoutError):
         core.wait_connected(timeout=0.05)
     with pytest.raises(TimeoutError):
         core.wait_frames(1, timeout=0.05)
     core.wait_disconnected(timeout=0)
+    with pytest.raises(simctl.SimError, match="no open cmd link"):
+        core.send_raw(b"\x00")
+    with pytest.raises(simctl.SimError, match="no data channel"):
+        core.send_frame(GET_DRIVER_INFO, conn="data")
 
 
 def test_log_filter_and_clear(core, host):
