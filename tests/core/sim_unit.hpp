@@ -32,7 +32,7 @@ struct Unit {
     sim::ProductFirmware fw;
 };
 
-// A port byte, then values of the given encoding, high byte first.
+// Payloads: a port byte and 16-bit words; a head and then floats, or a 32-bit count (high byte first).
 inline Bytes words(std::uint8_t port, std::initializer_list<std::uint16_t> ws) {
     Bytes out{port};
     for (auto v : ws) sim::putU16(out, v);
