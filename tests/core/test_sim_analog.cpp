@@ -6,43 +6,15 @@
 #include <bit>
 #include <random>
 
-#include "firmware/product.hpp"
 #include "link/frame.hpp"
 #include "link/frame_guard.hpp"
-#include "wire/commands.hpp"
+#include "sim_unit.hpp"
 #include "wire/splitter.hpp"
 
 namespace {
 
-using sim::Bytes;
-namespace wire = torvik::wire;
+using namespace simtest;
 using namespace std::chrono_literals;
-
-struct Unit {
-    explicit Unit(std::string_view cls) : fw(sim::UnitIdentity{torvik::products::findProduct(cls), "SERIAL01", 0}, [this] { return now; }) {}
-
-    Bytes ask(std::uint16_t code, Bytes payload = {}) {
-        auto frames = fw.handle(sim::Request{code, std::move(payload), sim::Channel::Cmd});
-        EXPECT_EQ(frames.size(), 1u);
-        return frames.empty() ? Bytes{} : frames.at(0).payload;
-    }
-    void tell(std::uint16_t code, Bytes payload) {
-        EXPECT_TRUE(fw.handle(sim::Request{code, std::move(payload), sim::Channel::Cmd}).empty());
-    }
-
-    std::chrono::steady_clock::time_point now{};
-    sim::ProductFirmware fw;
-};
-
-Bytes withF32(Bytes head, std::initializer_list<float> values) {
-    for (float v : values) sim::putF32(head, v);
-    return head;
-}
-
-Bytes withU32(Bytes head, std::uint32_t v) {
-    sim::putU32(head, v);
-    return head;
-}
 
 std::vector<std::int16_t> countsOf(const Bytes& b, std::size_t from) {
     std::vector<std::int16_t> out;
@@ -52,44 +24,32 @@ std::vector<std::int16_t> countsOf(const Bytes& b, std::size_t from) {
 
 // ---- the guard agrees with the host's splitter -----------------------------------------------
 
-std::vector<wire::Packet> hostReads(const Bytes& frame) {
+bool hostTakesWhole(const Bytes& frame, const Bytes& payload) {
     wire::FrameSplitter splitter;
     splitter.append(frame);
-    return splitter.split();
+    const auto packets = splitter.split();
+    return packets.size() == 1 && packets[0].cmd == wire::START_AI_STREAMING &&
+           Bytes(packets[0].data.begin(), packets[0].data.end()) == payload;
 }
 
-struct GuardCase {
-    const char* what;
-    Bytes payload;
-    std::optional<sim::FalseFrame> hit;
-};
-
-class Guard : public testing::TestWithParam<GuardCase> {};
-
-TEST_P(Guard, FindsWhatTheHostWouldTakeForAFrame) {
-    const Bytes frame = sim::encodeUnitFrame(wire::START_AI_STREAMING, GetParam().payload);
-    EXPECT_EQ(sim::findFalseFrame(frame), GetParam().hit);
-    const auto packets = hostReads(frame);
-    const bool whole = packets.size() == 1 && packets[0].cmd == wire::START_AI_STREAMING &&
-                       Bytes(packets[0].data.begin(), packets[0].data.end()) == GetParam().payload;
-    EXPECT_EQ(whole, !GetParam().hit.has_value());
+TEST(Guard, FindsWhereTheHostWouldTakeAFrame) {
+    struct Case {
+        Bytes payload;
+        std::optional<sim::FalseFrame> hit;
+    };
+    for (const Case& c : {Case{{0, 0, 1, 2, 3, 4}, std::nullopt},
+                          // 0x02 0x00 0x00 right before the terminator: an empty inner frame
+                          Case{{0, 0, 7, 7, 0, 2, 0, 0}, sim::FalseFrame{9, 12}},
+                          // 0x02 whose length points at a 0x0D 0x0A inside the payload
+                          Case{{0, 0, 2, 0, 1, 0x31, 0x0D, 0x0A, 5, 5}, sim::FalseFrame{6, 10}},
+                          // start and terminator bytes that do not fit; a negative length
+                          Case{{0, 0, 2, 0, 9, 0x0D, 0x0A, 2, 0x0D, 0x0A}, std::nullopt},
+                          Case{{0, 0, 2, 0xFF, 0xFF, 0x0D, 0x0A}, std::nullopt}}) {
+        const Bytes frame = sim::encodeUnitFrame(wire::START_AI_STREAMING, c.payload);
+        EXPECT_EQ(sim::findFalseFrame(frame), c.hit) << sim::toHex(frame);
+        EXPECT_EQ(hostTakesWhole(frame, c.payload), !c.hit.has_value()) << sim::toHex(frame);
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Payloads, Guard,
-    testing::Values(GuardCase{"plain", {0, 0, 1, 2, 3, 4}, std::nullopt},
-                    // 0x02 0x00 0x00 right before the terminator: an empty inner frame
-                    GuardCase{"own terminator", {0, 0, 7, 7, 0, 2, 0, 0}, sim::FalseFrame{9, 12}},
-                    // 0x02 whose length points at a 0x0D 0x0A inside the payload
-                    GuardCase{"inner terminator", {0, 0, 2, 0, 1, 0x31, 0x0D, 0x0A, 5, 5}, sim::FalseFrame{6, 10}},
-                    GuardCase{"start and terminator bytes that do not fit", {0, 0, 2, 0, 9, 0x0D, 0x0A, 2, 0x0D, 0x0A}, std::nullopt},
-                    GuardCase{"negative length", {0, 0, 2, 0xFF, 0xFF, 0x0D, 0x0A}, std::nullopt}),
-    [](const auto& info) {
-        std::string name = info.param.what;
-        for (char& c : name)
-            if (!std::isalnum(static_cast<unsigned char>(c))) c = '_';
-        return name;
-    });
 
 TEST(Guard, AgreesWithTheHostOnRandomPayloads) {
     std::mt19937 rng(7);
@@ -101,8 +61,7 @@ TEST(Guard, AgreesWithTheHostOnRandomPayloads) {
         const auto n = std::uniform_int_distribution<int>(0, 24)(rng);
         for (int i = 0; i < n; ++i) payload.push_back(alphabet[rng() % std::size(alphabet)]);
         const Bytes frame = sim::encodeUnitFrame(wire::START_AI_STREAMING, payload);
-        const auto packets = hostReads(frame);
-        const bool whole = packets.size() == 1 && Bytes(packets[0].data.begin(), packets[0].data.end()) == payload;
+        const bool whole = hostTakesWhole(frame, payload);
         ASSERT_EQ(!sim::findFalseFrame(frame), whole) << sim::toHex(frame);
         false_frames += !whole;
     }
@@ -127,22 +86,14 @@ TEST(AnalogInput, OnDemandReadsTheDefaultWaveforms) {
     EXPECT_EQ(u.ask(wire::READ_AI_ON_DEMAND, {0, 1}), (Bytes{1, 15}));
 }
 
-struct RateCase {
-    float rate;
-    std::uint8_t status;
-};
-
-class AiRate : public testing::TestWithParam<RateCase> {};
-
-TEST_P(AiRate, IsRefusedAboveTheProductsRateAndAtOrBelowZero) {
-    Unit u("TorvikLanAnalog");
-    EXPECT_EQ(u.ask(wire::SET_AI_SAMPLING_RATE, withF32({0}, {GetParam().rate})), (Bytes{0, GetParam().status}));
-    EXPECT_EQ(u.fw.ai().rate(), GetParam().status ? 1000.0f : GetParam().rate);
+TEST(AnalogInput, RatesAboveTheProductsOrAtOrBelowZeroAreRefused) {
+    using Case = std::pair<float, std::uint8_t>;
+    for (auto [rate, status] : {Case{20000, 0}, Case{0.5f, 0}, Case{20001, 15}, Case{0, 15}, Case{-5, 15}}) {
+        Unit u("TorvikLanAnalog");
+        EXPECT_EQ(u.ask(wire::SET_AI_SAMPLING_RATE, withF32({0}, {rate})), (Bytes{0, status})) << rate;
+        EXPECT_EQ(u.fw.ai().rate(), status ? 1000.0f : rate);
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(Rates, AiRate,
-                         testing::Values(RateCase{20000, 0}, RateCase{0.5f, 0}, RateCase{20001, 15}, RateCase{0, 15},
-                                         RateCase{-5, 15}));
 
 TEST(AnalogInput, UsbUnitsWantThePortOpenAndTakeItsPins) {
     Unit u("TorvikUsbAnalog");
@@ -264,7 +215,7 @@ TEST(AnalogInput, ATornPayloadIsNoWholeNumberOfFrames) {
 
 // ---- analog output --------------------------------------------------------------------------
 
-TEST(AnalogOutput, WritesReadBackAndRefuseWhatIsOutOfRange) {
+TEST(AnalogOutput, WritesAndFormsReadBackAndRefuseWhatIsOutOfRange) {
     Unit u("TorvikLanOutput");
     EXPECT_EQ(u.ask(wire::WRITE_AO_BY_CHANNEL, withF32({0, 1}, {1.5f})), (Bytes{0, 16}));  // not open
     EXPECT_EQ(u.ask(wire::OPEN_AO, {0}), (Bytes{0, 0}));
@@ -281,11 +232,7 @@ TEST(AnalogOutput, WritesReadBackAndRefuseWhatIsOutOfRange) {
     EXPECT_EQ(u.ask(wire::GET_AO_COUNTERS, {0}), (Bytes{0, 0, 0, 0, 0, 0, 0, 0, 9}));
     EXPECT_EQ(u.ask(wire::SET_AO_SPAN, {0}), (Bytes{0, 0}));
     EXPECT_EQ(u.ask(wire::GET_AO_VALUES, {1}), (Bytes{1, 16}));
-}
-
-TEST(AnalogOutput, FormRepliesCarryTheirStatusAtIndexThree) {
-    Unit u("TorvikLanOutput");
-    u.ask(wire::OPEN_AO, {0});
+    // Form replies carry their status at index 3.
     EXPECT_EQ(u.fw.statusIndex(wire::SET_AO_FORM), 3u);
     EXPECT_EQ(u.ask(wire::SET_AO_FORM, {0, 0, 2, 1}), (Bytes{0, 0, 2, 0}));
     EXPECT_EQ(u.ask(wire::SET_AO_FORM, {0, 0, 2, 4}), (Bytes{0, 0, 2, 16}));

@@ -2,22 +2,16 @@
 // receive buffer's bound, the EEPROM's addressing, the SPI settings' checks.
 #include <gtest/gtest.h>
 
-#include "firmware/product.hpp"
-#include "wire/commands.hpp"
+#include "sim_unit.hpp"
 
 namespace {
 
-using sim::Bytes;
+using namespace simtest;
 using namespace std::chrono_literals;
-namespace wire = torvik::wire;
 
-struct Unit {
-    Unit() : fw(sim::UnitIdentity{torvik::products::findProduct("TorvikUsbLogic"), "SERIAL01", 0}, [this] { return now; }) {}
+struct Unit : simtest::Unit {
+    Unit() : simtest::Unit("TorvikUsbLogic") {}
 
-    Bytes ask(std::uint16_t code, Bytes payload) {
-        auto frames = fw.handle(sim::Request{code, std::move(payload), sim::Channel::Cmd});
-        return frames.empty() ? Bytes{} : frames.at(0).payload;
-    }
     // What reached the host's side of port `port` so far, taken out.
     std::size_t take(int port) {
         auto& u = fw.uart();
@@ -26,15 +20,12 @@ struct Unit {
         u.consume(*u.port(port), n);
         return n;
     }
-
-    std::chrono::steady_clock::time_point now{};
-    sim::ProductFirmware fw;
 };
 
 TEST(SimUart, PacedBytesArriveAtTheBaudRateOfTheirFraming) {
     Unit u;
     ASSERT_EQ(u.ask(wire::OPEN_UART, {1, 0, 0, 0x25, 0x80, 0, 2, 2}), (Bytes{1, 0}));  // 9600 baud, even parity, 2 stop bits
-    u.ask(wire::START_UART_READING, {1});
+    u.tell(wire::START_UART_READING, {1});
     sim::Uart& uart = u.fw.uart();
     EXPECT_DOUBLE_EQ(sim::Uart::bytesPerSecond(*uart.port(1)), 800.0);  // 12 bits a character
     uart.talk(*uart.port(1), Bytes(100, 0x55), u.now);
@@ -48,7 +39,7 @@ TEST(SimUart, PacedBytesArriveAtTheBaudRateOfTheirFraming) {
 TEST(SimUart, AStreamThatNobodyTakesOverflowsTheBufferAndCountsTheLoss) {
     Unit u;
     u.ask(wire::OPEN_UART, {2});
-    u.ask(wire::START_UART_READING, {2});
+    u.tell(wire::START_UART_READING, {2});
     sim::Uart& uart = u.fw.uart();
     uart.stream(*uart.port(2), 1e6, 300000, u.now);
     u.now += 10s;
@@ -68,7 +59,7 @@ TEST(SimUart, AStreamThatNobodyTakesOverflowsTheBufferAndCountsTheLoss) {
 TEST(SimUart, ASilentFarEndDoesNotMakeUpForItsSilenceAndStopDropsWhatWaits) {
     Unit u;
     u.ask(wire::OPEN_UART, {1});
-    u.ask(wire::START_UART_READING, {1});
+    u.tell(wire::START_UART_READING, {1});
     sim::Uart& uart = u.fw.uart();
     sim::Uart::Port& p = *uart.port(1);
     uart.stream(p, 1000, sim::Uart::kEndless, u.now);
@@ -99,38 +90,29 @@ TEST(SimUart, NothingArrivesWhileNotReading) {
     EXPECT_EQ(u.ask(wire::WRITE_UART, {1, 2, 7}), (Bytes{1, 2, sim::Uart::kUartError}));  // length says 2, one came
 }
 
-struct EepromCase {
-    const char* name;
-    std::size_t size, page;
-    Bytes write;             // after port, address and count
-    std::size_t at;          // where to look
-    Bytes expect;
-};
-
-class SimEeprom : public testing::TestWithParam<EepromCase> {};
-
-TEST_P(SimEeprom, WritesWrapInsideTheirPage) {
-    Unit u;
-    const auto& c = GetParam();
-    auto& e = u.fw.i2c().port(1)->eeprom;
-    e.memory.assign(c.size, 0xFF);
-    e.page = c.page;
-    u.ask(wire::OPEN_I2C, {1});
-    Bytes req{1, 0x50, static_cast<std::uint8_t>(c.write.size())};
-    for (std::uint8_t b : c.write) req.push_back(b);
-    ASSERT_EQ(u.ask(wire::WRITE_I2C, req).at(3), 0);
-    EXPECT_EQ(Bytes(e.memory.begin() + static_cast<std::ptrdiff_t>(c.at),
-                    e.memory.begin() + static_cast<std::ptrdiff_t>(c.at + c.expect.size())),
-              c.expect);
+TEST(SimEeprom, WritesWrapInsideTheirPage) {
+    struct Case {
+        std::size_t size, page;
+        Bytes write;     // after port, address and count
+        std::size_t at;  // where to look
+        Bytes expect;
+    };
+    for (const Case& c : {Case{256, 16, {0x0E, 1, 2, 3}, 0x00, {3, 0xFF}},  // wraps to the page's start
+                          Case{256, 16, {0x0E, 1, 2, 3}, 0x0E, {1, 2}},      // after filling its end
+                          Case{512, 32, {0x01, 0x10, 9, 8}, 0x110, {9, 8, 0xFF}},  // two address bytes above 256
+                          Case{256, 8, {0x05}, 0x05, {0xFF}}}) {                    // an address alone writes nothing
+        Unit u;
+        auto& e = u.fw.i2c().port(1)->eeprom;
+        e.memory.assign(c.size, 0xFF);
+        e.page = c.page;
+        u.ask(wire::OPEN_I2C, {1});
+        Bytes req{1, 0x50, static_cast<std::uint8_t>(c.write.size())};
+        req.insert(req.end(), c.write.begin(), c.write.end());
+        ASSERT_EQ(u.ask(wire::WRITE_I2C, req).at(3), 0);
+        const auto from = e.memory.begin() + static_cast<std::ptrdiff_t>(c.at);
+        EXPECT_EQ(Bytes(from, from + static_cast<std::ptrdiff_t>(c.expect.size())), c.expect) << c.at;
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Addressing, SimEeprom,
-    testing::Values(EepromCase{"WrapsToThePageStart", 256, 16, {0x0E, 1, 2, 3}, 0x00, {3, 0xFF}},
-                    EepromCase{"FillsThePageEnd", 256, 16, {0x0E, 1, 2, 3}, 0x0E, {1, 2}},
-                    EepromCase{"TwoAddressBytesAbove256", 512, 32, {0x01, 0x10, 9, 8}, 0x110, {9, 8, 0xFF}},
-                    EepromCase{"AnAddressAloneWritesNothing", 256, 8, {0x05}, 0x05, {0xFF}}),
-    [](const testing::TestParamInfo<EepromCase>& info) { return std::string(info.param.name); });
 
 TEST(SimSpi, SettingsAreCheckedAndWantAnOpenPort) {
     Unit u;

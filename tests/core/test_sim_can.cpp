@@ -3,22 +3,15 @@
 #include <gtest/gtest.h>
 
 #include "firmware/can_bus.hpp"
-#include "firmware/product.hpp"
-#include "wire/commands.hpp"
+#include "sim_unit.hpp"
 
 namespace {
 
-using sim::Bytes;
+using namespace simtest;
 using sim::CanFrame;
-namespace wire = torvik::wire;
 
-struct CanUnit {
-    CanUnit() : fw(sim::UnitIdentity{torvik::products::findProduct("TorvikUsbCan"), "SERIAL01", 0}) {}
-    Bytes ask(std::uint16_t code, Bytes payload) {
-        auto frames = fw.handle(sim::Request{code, std::move(payload), sim::Channel::Cmd});
-        return frames.empty() ? Bytes{} : frames.at(0).payload;
-    }
-    sim::ProductFirmware fw;
+struct CanUnit : Unit {
+    CanUnit() : Unit("TorvikUsbCan") {}
 };
 
 Bytes withFrame(Bytes head, const CanFrame& f) {
@@ -73,7 +66,7 @@ TEST(SimCanBus, OneUnitsWriteIsTheOthersFrameWhenStarted) {
     const CanFrame f = CanFrame::make(0x1ABCDEF, true, false, Bytes{9, 8, 7});
     ASSERT_EQ(a.ask(wire::WRITE_CAN, withFrame({1, 0}, f)), (Bytes{1, 0}));
     EXPECT_EQ(b.fw.can().held(), 1u);  // not started: the controller holds it
-    b.fw.handle(sim::Request{wire::START_CAN, {1}, sim::Channel::Cmd});
+    b.tell(wire::START_CAN, {1});
     ASSERT_EQ(b.fw.can().buffered(), 1u);
     EXPECT_TRUE(std::equal(f.wire.begin(), f.wire.end(), b.fw.can().waiting().begin()));
     EXPECT_EQ(a.fw.can().bus().tester().heard(), std::vector<CanFrame>{f});

@@ -1,61 +1,37 @@
-// The emulator's firmware models driven directly: the USB products (which the emulator cannot
-// serve over the network) and the clock under a hand-moved time source.
+// The emulator's firmware models driven directly: the pin tables of every kind of product, the USB
+// products (which the emulator cannot serve over the network) and the clock under a hand-moved
+// time source.
 #include <gtest/gtest.h>
 
-#include "firmware/product.hpp"
-#include "wire/commands.hpp"
+#include "sim_unit.hpp"
 
 namespace {
 
-using sim::Bytes;
-namespace wire = torvik::wire;
+using namespace simtest;
 
-struct Unit {
-    explicit Unit(std::string_view cls, std::uint32_t ipv4 = 0)
-        : fw(sim::UnitIdentity{torvik::products::findProduct(cls), "SERIAL01", ipv4}, [this] { return now; }) {}
-
-    Bytes ask(std::uint16_t code, Bytes payload = {}) {
-        auto frames = fw.handle(sim::Request{code, std::move(payload), sim::Channel::Cmd});
-        EXPECT_EQ(frames.size(), 1u);
-        EXPECT_EQ(frames.at(0).code, code);
-        return frames.at(0).payload;
-    }
-
-    std::chrono::steady_clock::time_point now{};
-    sim::ProductFirmware fw;
-};
-
-Bytes words(std::uint8_t port, std::initializer_list<std::uint16_t> ws) {
-    Bytes out{port};
-    for (auto v : ws) sim::putU16(out, v);
-    return out;
+TEST(Firmware, PinModesFollowEveryTableOfTheProduct) {
+    struct Case {
+        const char* cls;
+        std::uint8_t port;
+        Bytes reply;
+    };
+    for (const Case& c : {Case{"TorvikUsbSink", 3, {3, 4, 0x11, 0x11}}, Case{"TorvikUsbSink", 4, {4, 0}},
+                          // CAN cells (1,4) (1,5) idle until the bus opens
+                          Case{"TorvikUsbCan", 1, {1, 6, 0x11, 0x11, 0x11}},
+                          // (1,4) analog output idles, (1,5) analog input
+                          Case{"TorvikUsbMixed", 1, {1, 6, 0x11, 0x11, 0x91}},
+                          // pins 4 and 5 are named by no table
+                          Case{"TorvikUsbLogic", 2, {2, 8, 0x11, 0x11, 0x00, 0x11}},
+                          Case{"TorvikUsbThermo", 2, {2, 8, 0x11, 0x11, 0x00, 0x11}},
+                          Case{"TorvikUsbAnalog", 2, {2, 8, 0x00, 0x00, 0x00, 0x11}},
+                          Case{"TorvikLanLogic", 1, {1, 8, 0x11, 0x11, 0x11, 0x11}},
+                          Case{"TorvikLanRelay", 1, {1, 6, 0x11, 0x11, 0x11}},
+                          // pins 0-4 not brought out, 5 analog input
+                          Case{"TorvikLanAnalog", 1, {1, 6, 0, 0, 0x90}}, Case{"TorvikAirAnalog", 1, {1, 6, 0, 0, 0x90}},
+                          // the output pin idles until opened
+                          Case{"TorvikLanOutput", 3, {3, 12, 0, 0, 0, 0, 0, 0x10}}})
+        EXPECT_EQ(Unit(c.cls).ask(wire::GET_PIN_MODE_OF_SLOT, {c.port}), c.reply) << c.cls << " port " << int(c.port);
 }
-
-struct PinCase {
-    const char* cls;
-    std::uint8_t port;
-    Bytes reply;
-};
-
-class PinLayout : public testing::TestWithParam<PinCase> {};
-
-TEST_P(PinLayout, FollowsEveryTableOfTheProduct) {
-    Unit u(GetParam().cls);
-    EXPECT_EQ(u.ask(wire::GET_PIN_MODE_OF_SLOT, {GetParam().port}), GetParam().reply);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    UsbProducts, PinLayout,
-    testing::Values(PinCase{"TorvikUsbSink", 3, {3, 4, 0x11, 0x11}},
-                    PinCase{"TorvikUsbSink", 4, {4, 0}},
-                    // CAN cells (1,4) (1,5) idle until the bus opens
-                    PinCase{"TorvikUsbCan", 1, {1, 6, 0x11, 0x11, 0x11}},
-                    // (1,4) analog output idles, (1,5) analog input
-                    PinCase{"TorvikUsbMixed", 1, {1, 6, 0x11, 0x11, 0x91}},
-                    // pins 4 and 5 are named by no table
-                    PinCase{"TorvikUsbLogic", 2, {2, 8, 0x11, 0x11, 0x00, 0x11}},
-                    PinCase{"TorvikUsbThermo", 2, {2, 8, 0x11, 0x11, 0x00, 0x11}},
-                    PinCase{"TorvikUsbAnalog", 2, {2, 8, 0x00, 0x00, 0x00, 0x11}}));
 
 TEST(UsbFirmware, KnowsNoNetworkNorRadio) {
     Unit u("TorvikUsbSink");
