@@ -358,6 +358,22 @@ TEST(ReplyTaker, TwoTakersBesideAReceiveThreadLoseNothing) {
     EXPECT_EQ(rig.core.pools.echo->take(wire::GET_DRIVER_INFO), (device::Bytes{199}));
 }
 
+TEST(ReplyTaker, WaitsThroughItsReadsBoundsUntilItsReplyOrItsLimit) {
+    TakerRig rig("127.0.3.10");  // no receive thread: the taker waits inside its reads
+    constexpr auto tick = transport::SocketHandle::kReadTick;
+    transport::NetworkClient::Taker taker(*rig.client);
+    // Reads that run out of their bound are not an ended stream; a limit shorter than the bound
+    // is kept as well.
+    EXPECT_FALSE(rig.take(taker, wire::GET_IP, 3 * tick).has_value());
+    EXPECT_FALSE(rig.take(taker, wire::GET_IP, tick / 4).has_value());
+    auto late = std::async(std::launch::async, [&] {
+        std::this_thread::sleep_for(3 * tick);
+        sendAll(rig.peer, unitFrame(wire::GET_IP, {9}));
+    });
+    EXPECT_EQ(rig.take(taker, wire::GET_IP, 2000ms), (device::Bytes{9}));
+    late.get();
+}
+
 TEST(ReplyTaker, AFrameItCannotFileEndsTheReceiveThreadAsItWouldHave) {
     TakerRig rig("127.0.3.9");
     rig.startReceiver();

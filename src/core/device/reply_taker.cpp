@@ -83,6 +83,13 @@ std::optional<Bytes> takeReading(DataPools& pools, std::uint32_t code, std::opti
         // Nothing is read while a script holds the receive thread, nor while a queue with a bound
         // could make the filing wait: that wait would keep no time limit (the receive thread's does).
         if (gate.locked() || pools.strm->anyBounded()) taker.leave();
+        // Waiting inside the read saves a wait before it, on every reply. A time limit closer
+        // than the reads' bound is waited out below instead, to the point.
+        if ((!left || *left > std::chrono::duration<double>(transport::SocketHandle::kReadTick).count()) &&
+            taker.readWaiting(file) == transport::NetworkClient::Taker::Read::Done) {
+            if (waiter->woken()) break;
+            continue;
+        }
         const auto outcome = waiter->sleep(taker.socket().get(), left);
         if (outcome == WatchingWaiter::Outcome::Woken) break;
         if (outcome == WatchingWaiter::Outcome::Readable) taker.readAndFile(file);

@@ -59,6 +59,9 @@ bool shutdownSocket(NativeSocket s, Shut how);
 bool setBroadcast(NativeSocket s);
 // The fewest queued bytes that make a wait report readable. Not every system has it: false then.
 bool setReceiveLowWater(NativeSocket s, int bytes);
+// Bounds every blocking receive on the socket to `ms` (it then fails with isWouldBlock). Not
+// every system leaves a connection usable after such a receive ran out: false there.
+bool setReceiveTimeout(NativeSocket s, int ms);
 // Bytes queued for reading; 0 on failure.
 int queuedBytes(NativeSocket s);
 

@@ -122,6 +122,11 @@ bool setReceiveLowWater(NativeSocket s, int bytes) {
     return ::setsockopt(s, SOL_SOCKET, SO_RCVLOWAT, &bytes, sizeof bytes) == 0;
 }
 
+bool setReceiveTimeout(NativeSocket s, int ms) {
+    timeval tv{ms / 1000, (ms % 1000) * 1000};
+    return ::setsockopt(s, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv) == 0;
+}
+
 int queuedBytes(NativeSocket s) {
     int queued = 0;
     if (::ioctl(s, FIONREAD, &queued) != 0) return 0;

@@ -168,6 +168,13 @@ bool setBroadcast(NativeSocket s) {
     return ::setsockopt(s, SOL_SOCKET, SO_BROADCAST, reinterpret_cast<const char*>(&one), sizeof one) == 0;
 }
 
+// Winsock has the option, but a receive that runs out of it leaves the connection in an undefined
+// state: readers wait in select instead.
+bool setReceiveTimeout(NativeSocket, int) {
+    ::WSASetLastError(WSAENOPROTOOPT);
+    return false;
+}
+
 // Winsock has no receive low-water mark (SO_RCVLOWAT is refused): every arrival wakes a wait.
 bool setReceiveLowWater(NativeSocket, int) {
     ::WSASetLastError(WSAENOPROTOOPT);

@@ -71,6 +71,15 @@ void SocketHandle::stopBatching() {
     setWakeThreshold(pf::queuedBytes(fd_) + 1);
 }
 
+bool SocketHandle::boundReads() {
+    int bound = bound_reads_.load();
+    if (bound < 0) {
+        bound = pf::setReceiveTimeout(fd_, static_cast<int>(kReadTick.count())) ? 1 : 0;
+        bound_reads_ = bound;
+    }
+    return bound == 1;
+}
+
 SocketHandle::Wait SocketHandle::waitFor(std::optional<double> timeout, bool park) {
     switch (pf::waitReadable(fd_, *cancel_, timeout, park)) {
         case pf::WaitResult::Cancelled:
@@ -133,10 +142,17 @@ std::vector<std::uint8_t> NetworkClient::recvPacket(std::size_t length, bool par
     }
     sock->prepareWait([] { return false; });  // a blocking read waits for a byte, not for a batch
     const bool nonblocking = timeout && *timeout <= 0;
-    if (!nonblocking && !sock->waitReadable(timeout, park_when_ended)) return {};
-    if (hold != nullptr) *hold = std::unique_lock(read_m_);
     std::vector<std::uint8_t> buf(length);
-    const long n = pf::receive(sock->fd(), buf.data(), length, !nonblocking);
+    long n;
+    for (;;) {
+        if (!nonblocking && !sock->waitReadable(timeout, park_when_ended)) return {};
+        if (hold != nullptr) *hold = std::unique_lock(read_m_);
+        n = pf::receive(sock->fd(), buf.data(), length, !nonblocking);
+        // A bounded receive that found nothing (a taker read first) waits again, as it would
+        // have without the bound.
+        if (n >= 0 || nonblocking || !pf::isWouldBlock(pf::lastSocketError())) break;
+        if (hold != nullptr) hold->unlock();
+    }
     if (n < 0) {
         const int err = pf::lastSocketError();
         if (!pf::isWouldBlock(err)) sock->ended = true;
@@ -199,7 +215,7 @@ std::vector<wire::Packet> NetworkClient::receiveAndSplit(std::size_t length, con
     return readBurst(*sock, length);
 }
 
-std::vector<wire::Packet> NetworkClient::readBurst(SocketHandle& sock, std::size_t length) {
+std::vector<wire::Packet> NetworkClient::readBurst(SocketHandle& sock, std::size_t length, bool wait) {
     // The whole burst that is there, in reads of a buffer kept for the purpose, up to a bound
     // that keeps the split moving. Never blocking: below the wake threshold a blocking recv
     // would wait for more. Same frames, same order as reads of `length` bytes.
@@ -208,7 +224,7 @@ std::vector<wire::Packet> NetworkClient::readBurst(SocketHandle& sock, std::size
     std::size_t have = 0;
     for (;;) {
         if (burst_.size() < have + step) burst_.resize(have + step);
-        const long n = pf::receive(sock.fd(), burst_.data() + have, step, false);
+        const long n = pf::receive(sock.fd(), burst_.data() + have, step, wait && have == 0);
         if (n < 0) {
             const int err = pf::lastSocketError();
             if (pf::isWouldBlock(err) || have > 0) break;  // an error is reported by the next read
@@ -306,6 +322,28 @@ bool NetworkClient::Taker::readAndFile(const std::function<void(wire::Packet&)>&
             // the stream has ended; the receive thread's next read reports it as before
         }
     }
+    fileAll(packets, file);
+    return sock_ != nullptr;
+}
+
+NetworkClient::Taker::Read NetworkClient::Taker::readWaiting(const std::function<void(wire::Packet&)>& file) {
+    if (!sock_ || !sock_->boundReads()) return Read::Watch;
+    // Holding the read lock through the wait keeps every other reader out: nobody can take a
+    // reply this thread would then not hear of. Whoever else wants to read waits at most for the
+    // next arrival, which this read takes and files.
+    std::unique_lock lock(client_.read_m_, std::try_to_lock);
+    if (!lock.owns_lock() || !client_.held_.empty() || sock_->ended) return Read::Watch;
+    std::vector<wire::Packet> packets;
+    try {
+        packets = client_.readBurst(*sock_, 0, true);
+    } catch (const SocketError&) {
+        // as in readAndFile
+    }
+    fileAll(packets, file);
+    return Read::Done;
+}
+
+void NetworkClient::Taker::fileAll(std::vector<wire::Packet>& packets, const std::function<void(wire::Packet&)>& file) {
     for (auto it = packets.begin(); it != packets.end(); ++it) {
         try {
             file(*it);
@@ -320,7 +358,6 @@ bool NetworkClient::Taker::readAndFile(const std::function<void(wire::Packet&)>&
         }
     }
     if (!client_.held_.empty() || sock_->ended) leave();
-    return sock_ != nullptr;
 }
 
 void NetworkClient::sendPacket(std::span<const std::uint8_t> bytes) {

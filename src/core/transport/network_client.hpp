@@ -67,12 +67,19 @@ public:
     void stopBatching();
     static constexpr int kBatchBytes = 32 * 1024;
 
+    // Blocking receives on the socket end after kReadTick at the latest (then as "would block"),
+    // so that a thread waiting inside one looks at its time limit between ticks. Set on first
+    // use; false where the system cannot bound them.
+    bool boundReads();
+    static constexpr std::chrono::milliseconds kReadTick{20};
+
 private:
     void setWakeThreshold(int bytes);
 
     std::mutex threshold_m_;
     int threshold_ = 1;  // guarded by threshold_m_
     std::atomic<bool> batching_{false};
+    std::atomic<int> bound_reads_{-1};  // -1 not tried yet, else 0 or 1
     bool stream_;
     platform::NativeSocket fd_ = platform::kInvalidSocket;
     std::optional<platform::WakeSignal> cancel_;  // set by the constructor
@@ -127,10 +134,18 @@ public:
         // (and fail on) as it would have; no taker reads this connection after that. False when
         // the connection is no longer read this way.
         bool readAndFile(const std::function<void(wire::Packet&)>& file);
+        // The same, except that the read waits for what comes next, up to kReadTick: the arrival
+        // then wakes this thread inside its read, with no wait before it. Only one thread reads
+        // this way at a time, and only on a socket whose reads are bounded: Watch when this
+        // taker must wait (socket() and its own signal) and read with readAndFile instead.
+        enum class Read { Done, Watch };
+        Read readWaiting(const std::function<void(wire::Packet&)>& file);
         // Stops reading: the receive thread reads again once no taker does.
         void leave();
 
     private:
+        void fileAll(std::vector<wire::Packet>& packets, const std::function<void(wire::Packet&)>& file);
+
         NetworkClient& client_;
         const std::atomic<int>* awaited_;
         std::shared_ptr<SocketHandle> sock_;
@@ -150,8 +165,9 @@ protected:
     std::optional<double> timeout_;
 
 private:
-    // The burst that is there, read without waiting; read lock held.
-    std::vector<wire::Packet> readBurst(SocketHandle& sock, std::size_t length);
+    // The burst that is there, read without waiting (with `wait`, its first read waits as a
+    // blocking receive does); read lock held.
+    std::vector<wire::Packet> readBurst(SocketHandle& sock, std::size_t length, bool wait = false);
 
     // The reads' state, written under read_m_ (flowing_ is also looked at before a wait).
     std::mutex read_m_;
