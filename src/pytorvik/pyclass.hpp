@@ -6,6 +6,7 @@
 #include <pybind11/pybind11.h>
 
 #include <string_view>
+#include <type_traits>
 #include <utility>
 
 namespace torvik::py_binding {
@@ -34,10 +35,16 @@ public:
         return *this;
     }
 
+    // `get` may be a function object already (a plain C one, say).
     template <typename Get, typename Set>
     PyClass& property(const char* name, Get&& get, Set&& set, const char* doc = "") {
+        py::object getter;
+        if constexpr (std::is_base_of_v<py::object, std::decay_t<Get>>)
+            getter = std::forward<Get>(get);
+        else
+            getter = py::cpp_function(std::forward<Get>(get));
         py::object prop = py::module_::import("builtins").attr("property")(
-            py::cpp_function(std::forward<Get>(get)), py::cpp_function(std::forward<Set>(set)), py::none(), doc);
+            getter, py::cpp_function(std::forward<Set>(set)), py::none(), doc);
         py::setattr(cls_, name, prop);
         return *this;
     }

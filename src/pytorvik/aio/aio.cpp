@@ -461,7 +461,8 @@ AsyncOp::~AsyncOp() {
 }
 
 py::object run(const py::object& operation) {
-    if (!py::isinstance<AsyncOp>(operation) && !PyCoro_CheckExact(operation.ptr()))
+    const bool ours = py::isinstance<AsyncOp>(operation);
+    if (!ours && !PyCoro_CheckExact(operation.ptr()))
         throw py::type_error("pytorvik.run() needs an operation of this library (what an _async method returns) or a "
                              "coroutine, not " + std::string(py::str(py::type::handle_of(operation).attr("__name__"))));
     if (!currentLoop().is_none()) {
@@ -469,7 +470,10 @@ py::object run(const py::object& operation) {
         throw py::error_already_set();
     }
     BlockingScope blocking;
-    Co<> body = awaitObject(operation);
+    // One of ours that has not started runs as it is; anything else as awaiting it would.
+    Co<> body;
+    if (ours) body = py::cast<AsyncOp&>(operation).takeBody();
+    if (!body) body = awaitObject(operation);
     OpState state;
     body.handle().promise().op = &state;
     body.handle().resume();

@@ -43,16 +43,35 @@ py::object startThread(py::handle self, const char* body) { return startNamedThr
 
 // Client fields whose value the receive thread must see: kept on the instance and mirrored
 // into the engine slot the thread reads.
+// The getter, with its key ("_" and the field's name) as its self. A plain C function: every
+// request reads client_cmd, and a pybind11 call costs more than the lookup itself.
+PyObject* getClientField(PyObject* key, PyObject* self) {
+    PyObject* dict = PyObject_GenericGetDict(self, nullptr);
+    if (dict == nullptr) return nullptr;
+    PyObject* value = PyDict_GetItemWithError(dict, key);
+    Py_XINCREF(value);
+    Py_DECREF(dict);
+    if (value == nullptr && !PyErr_Occurred()) {
+        PyObject* name = PyUnicode_Substring(key, 1, PY_SSIZE_T_MAX);
+        if (name != nullptr) {
+            PyErr_SetObject(PyExc_AttributeError, name);
+            Py_DECREF(name);
+        }
+    }
+    return value;
+}
+PyMethodDef g_client_field_get{"client_field", &getClientField, METH_O, nullptr};
+
 template <std::shared_ptr<device::ClientSlot> HandleCore::*Slot>
 void defineClientField(PyClass& cls, const char* name) {
     std::string key = std::string("_") + name;
+    PyObject* interned = PyUnicode_InternFromString(key.c_str());
+    if (interned == nullptr) throw py::error_already_set();
+    auto key_obj = py::reinterpret_steal<py::object>(interned);
+    PyObject* get = PyCFunction_New(&g_client_field_get, key_obj.ptr());
+    if (get == nullptr) throw py::error_already_set();
     cls.property(
-        name,
-        [key](py::handle self) -> py::object {
-            py::dict d = self.attr("__dict__");
-            if (!d.contains(key.c_str())) throw py::attribute_error(key.substr(1));
-            return d[key.c_str()];
-        },
+        name, py::reinterpret_steal<py::object>(get),
         [key](py::handle self, py::handle value) {
             self.attr("__dict__")[key.c_str()] = value;
             std::shared_ptr<transport::Client> client;

@@ -181,11 +181,20 @@ Co<> echoPacket(py::object self, py::object cmd, py::object data_out, py::object
 
 Co<> echoPacketWithRetry(py::object self, py::object cmd, py::object data_out, py::object num_retries, py::object timeout) {
     py::object value = py::none();
-    py::object count = py::int_(0);
     const py::object retry_timeout = py::int_(w::RETRY_TIMEOUT);
-    while (value.is_none() && count < num_retries) {
-        value = co_await echoPacket(self, cmd, data_out, retry_timeout);
-        count = count + py::int_(1);
+    int overflow = 1;
+    const long long retries =
+        PyLong_CheckExact(num_retries.ptr()) ? PyLong_AsLongLongAndOverflow(num_retries.ptr(), &overflow) : 0;
+    if (overflow == 0) {
+        // The usual count, counted here rather than in Python objects.
+        for (long long count = 0; value.is_none() && count < retries; ++count)
+            value = co_await echoPacket(self, cmd, data_out, retry_timeout);
+    } else {
+        py::object count = py::int_(0);
+        while (value.is_none() && count < num_retries) {
+            value = co_await echoPacket(self, cmd, data_out, retry_timeout);
+            count = count + py::int_(1);
+        }
     }
     if (!value.is_none()) co_return value;
     py::object remaining = py::module_::import("builtins").attr("max")(timeout - retry_timeout * num_retries, 0);
