@@ -228,14 +228,17 @@ def main():
         dev = Bench(verbose=False)
         dev.connect(u.addr, port=u.cmd_port, verbose=False)
         try:
-            # Interleave the variants so that machine noise falls on all of them alike.
+            # Interleave the variants in short chunks so that machine noise falls on all of them
+            # alike (on two cores, whether a client shares its CPU with the unit changes a round
+            # trip by a third, and the system decides that anew now and then).
             a, b, d, d2, e = [], [], [], [], []
-            for _ in range(4):
-                a += asyncio.run(engine(dev, rounds // 4))
-                b += asyncio.run(plain_asyncio(u.addr, u.cmd_port, rounds // 4))
-                d += raw_c(exe, u.addr, u.cmd_port, rounds // 4)
-                d2 += raw_c(exe, u.addr, u.cmd_port, rounds // 4, "handoff")
-                e += blocking(dev, rounds // 4)
+            chunks = 12
+            for _ in range(chunks):
+                a += asyncio.run(engine(dev, rounds // chunks))
+                b += asyncio.run(plain_asyncio(u.addr, u.cmd_port, rounds // chunks))
+                d += raw_c(exe, u.addr, u.cmd_port, rounds // chunks)
+                d2 += raw_c(exe, u.addr, u.cmd_port, rounds // chunks, "handoff")
+                e += blocking(dev, rounds // chunks)
             c = asyncio.run(polling(dev, 60))
             ops = asyncio.run(concurrent(dev, 2.0))
             ops_threads = blocking_threads(dev, 2.0)
