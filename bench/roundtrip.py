@@ -6,6 +6,7 @@
 (d) the same framed exchange by a raw blocking C client (compiled here with cc: the floor),
 (d') that client with a reader thread handing each reply over, as a receive thread does,
 (e) (a) driven by pytorvik.run on the calling thread, without an event loop,
+(d) and (e) again with the unit, the C client and this process all on one CPU (Linux),
 and operations per second of 8 concurrent operations with different codes under gather, and of
 two threads calling pytorvik.run with different codes at once.
 
@@ -135,9 +136,10 @@ def build_c_client(directory):
     return exe
 
 
-def raw_c(exe, addr, port, n, mode="direct"):
+def raw_c(exe, addr, port, n, mode="direct", cpus=None):
+    pin = (lambda: os.sched_setaffinity(0, cpus)) if cpus else None
     out = subprocess.run([exe, addr, str(port), FRAME.hex(), str(n), mode], check=True, capture_output=True,
-                         text=True).stdout
+                         text=True, preexec_fn=pin).stdout
     return [int(line) * 1e-9 for line in out.split()]
 
 
@@ -166,6 +168,15 @@ def blocking_threads(dev, seconds):
     for th in threads:
         th.join()
     return sum(done) / (time.perf_counter() - t0)
+
+
+def pin_threads(pid, cpus):
+    """Sets the CPUs of every thread of a process (Linux); gives their former sets."""
+    before = {}
+    for tid in os.listdir("/proc/%d/task" % pid):
+        before[int(tid)] = os.sched_getaffinity(int(tid))
+        os.sched_setaffinity(int(tid), cpus)
+    return before
 
 
 def summary(samples):
@@ -239,6 +250,23 @@ def main():
                 d += raw_c(exe, u.addr, u.cmd_port, rounds // chunks)
                 d2 += raw_c(exe, u.addr, u.cmd_port, rounds // chunks, "handoff")
                 e += blocking(dev, rounds // chunks)
+            # (d) and (e) again with the unit, the client and this process on one CPU: with the
+            # system's placement taken out, what differs is the work each client does.
+            d1, e1 = [], []
+            if hasattr(os, "sched_setaffinity") and os.path.isdir("/proc/self/task"):
+                one = {min(os.sched_getaffinity(0))}
+                saved = [(pid, pin_threads(pid, one)) for pid in (os.getpid(), sim.proc.pid)]
+                try:
+                    for _ in range(chunks):
+                        d1 += raw_c(exe, u.addr, u.cmd_port, rounds // chunks, cpus=one)
+                        e1 += blocking(dev, rounds // chunks)
+                finally:
+                    for _, threads in saved:
+                        for tid, cpus in threads.items():
+                            try:
+                                os.sched_setaffinity(tid, cpus)
+                            except OSError:
+                                pass  # the thread has ended
             c = asyncio.run(polling(dev, 60))
             ops = asyncio.run(concurrent(dev, 2.0))
             ops_threads = blocking_threads(dev, 2.0)
@@ -257,6 +285,9 @@ def main():
     print("  (e) pytorvik.run, no event loop            %8.1f / %8.1f" % (em, ep))
     print("ratios: a/b = %.2f (target <= 1.5), c/a = %.1f (target >= 20)" % (am / bm, cm / am))
     print("        e/d = %.2f (target <= 1.25), a/d = %.2f, d'/d = %.2f" % (em / dm, am / dm, d2m / dm))
+    if d1:
+        (d1m, d1p), (e1m, e1p) = summary(d1), summary(e1)
+        print("on one CPU: (d) %.1f / %.1f, (e) %.1f / %.1f: e/d = %.2f" % (d1m, d1p, e1m, e1p, e1m / d1m))
     print("8 concurrent operations under gather: %.0f operations/s" % ops)
     print("2 threads calling pytorvik.run, different codes: %.0f operations/s" % ops_threads)
 
