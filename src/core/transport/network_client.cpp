@@ -217,8 +217,9 @@ std::vector<wire::Packet> NetworkClient::receiveAndSplit(std::size_t length, con
 
 std::vector<wire::Packet> NetworkClient::readBurst(SocketHandle& sock, std::size_t length, bool wait) {
     // The whole burst that is there, in reads of a buffer kept for the purpose, up to a bound
-    // that keeps the split moving. Never blocking: below the wake threshold a blocking recv
-    // would wait for more. Same frames, same order as reads of `length` bytes.
+    // that keeps the split moving. Only the first read may wait (a taker's, whose wake threshold
+    // is one byte); the others never do: below the threshold a blocking recv would wait for more.
+    // Same frames, same order as reads of `length` bytes.
     constexpr std::size_t kBurstBound = 256 * 1024;
     const std::size_t step = std::max<std::size_t>(length, 64 * 1024);
     std::size_t have = 0;

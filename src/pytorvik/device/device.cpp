@@ -41,9 +41,7 @@ void say(py::handle self, const char* head, py::object middle, const char* tail 
 
 py::object startThread(py::handle self, const char* body) { return startNamedThread(self.attr(body)); }
 
-// Client fields whose value the receive thread must see: kept on the instance and mirrored
-// into the engine slot the thread reads.
-// The getter, with its key ("_" and the field's name) as its self. A plain C function: every
+// A client field's getter, with its key ("_" and the field's name) as its self. A plain C function: every
 // request reads client_cmd, and a pybind11 call costs more than the lookup itself.
 PyObject* getClientField(PyObject* key, PyObject* self) {
     PyObject* dict = PyObject_GenericGetDict(self, nullptr);
@@ -62,6 +60,8 @@ PyObject* getClientField(PyObject* key, PyObject* self) {
 }
 PyMethodDef g_client_field_get{"client_field", &getClientField, METH_O, nullptr};
 
+// Client fields whose value the receive thread must see: kept on the instance and mirrored
+// into the engine slot the thread reads.
 template <std::shared_ptr<device::ClientSlot> HandleCore::*Slot>
 void defineClientField(PyClass& cls, const char* name) {
     std::string key = std::string("_") + name;
