@@ -107,7 +107,7 @@ TEST(SimEeprom, WritesWrapInsideTheirPage) {
         e.page = c.page;
         u.ask(wire::OPEN_I2C, {1});
         Bytes req{1, 0x50, static_cast<std::uint8_t>(c.write.size())};
-        req.insert(req.end(), c.write.begin(), c.write.end());
+        for (std::uint8_t b : c.write) req.push_back(b);  // (an insert here trips GCC 12's bounds warning)
         ASSERT_EQ(u.ask(wire::WRITE_I2C, req).at(3), 0);
         const auto from = e.memory.begin() + static_cast<std::ptrdiff_t>(c.at);
         EXPECT_EQ(Bytes(from, from + static_cast<std::ptrdiff_t>(c.expect.size())), c.expect) << c.at;
