@@ -1,5 +1,6 @@
 #include "device/reply_taker.hpp"
 
+#include <algorithm>
 #include <atomic>
 #include <memory>
 
@@ -55,6 +56,9 @@ std::shared_ptr<platform::WakeSignal> threadSignal() {
     return signal;
 }
 
+using Taker = transport::NetworkClient::Taker;
+constexpr std::chrono::milliseconds kNap{1};
+
 }  // namespace
 
 std::optional<Bytes> takeReading(DataPools& pools, std::uint32_t code, std::optional<std::chrono::nanoseconds> limit,
@@ -86,13 +90,18 @@ std::optional<Bytes> takeReading(DataPools& pools, std::uint32_t code, std::opti
         // Waiting inside the read saves a wait before it, on every reply. A time limit closer
         // than the reads' bound is waited out below instead, to the point.
         if ((!left || *left > std::chrono::duration<double>(transport::SocketHandle::kReadTick).count()) &&
-            taker.readWaiting(file) == transport::NetworkClient::Taker::Read::Done) {
+            taker.readWaiting(file) == Taker::Read::Done) {
             if (waiter->woken()) break;
             continue;
         }
         const auto outcome = waiter->sleep(taker.socket().get(), left);
         if (outcome == WatchingWaiter::Outcome::Woken) break;
-        if (outcome == WatchingWaiter::Outcome::Readable) taker.readAndFile(file);
+        if (outcome == WatchingWaiter::Outcome::Readable && taker.readAndFile(file) == Taker::Read::Watch) {
+            // The socket stays readable until the other reader has read: wait for its filing, a
+            // moment at most.
+            const double nap = std::chrono::duration<double>(kNap).count();
+            if (waiter->sleep(nullptr, left ? std::min(*left, nap) : nap) == WatchingWaiter::Outcome::Woken) break;
+        }
         if (waiter->woken()) break;
     }
     pool.cancelWait(code, waiter.get());

@@ -312,9 +312,9 @@ void NetworkClient::Taker::leave() {
     }
 }
 
-bool NetworkClient::Taker::readAndFile(const std::function<void(wire::Packet&)>& file) {
-    if (!sock_) return false;
-    std::lock_guard lock(client_.read_m_);
+NetworkClient::Taker::Read NetworkClient::Taker::readAndFile(const std::function<void(wire::Packet&)>& file) {
+    std::unique_lock lock(client_.read_m_, std::try_to_lock);
+    if (!sock_ || !lock.owns_lock()) return Read::Watch;
     std::vector<wire::Packet> packets;
     if (client_.held_.empty() && !sock_->ended) {
         try {
@@ -324,7 +324,7 @@ bool NetworkClient::Taker::readAndFile(const std::function<void(wire::Packet&)>&
         }
     }
     fileAll(packets, file);
-    return sock_ != nullptr;
+    return Read::Done;
 }
 
 NetworkClient::Taker::Read NetworkClient::Taker::readWaiting(const std::function<void(wire::Packet&)>& file) {

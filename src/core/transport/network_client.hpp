@@ -129,16 +129,19 @@ public:
         // The socket to watch; null when this connection is not read this way (the taker then
         // waits for the receive thread's filing alone).
         const std::shared_ptr<SocketHandle>& socket() const { return sock_; }
+        // Done: read what there was (maybe nothing). Watch: nothing read, see below.
+        enum class Read { Done, Watch };
         // Reads what is there without waiting and hands the frames to `file` under the read lock.
         // A frame `file` refuses (throws) is kept with the rest for the receive thread to file
-        // (and fail on) as it would have; no taker reads this connection after that. False when
-        // the connection is no longer read this way.
-        bool readAndFile(const std::function<void(wire::Packet&)>& file);
+        // (and fail on) as it would have; no taker reads this connection after that. Watch when
+        // another thread holds the read lock: it reads and files what came (a taker may wait
+        // inside its read until its own reply comes, and must not be queued behind); wait for
+        // its filing a moment instead.
+        Read readAndFile(const std::function<void(wire::Packet&)>& file);
         // The same, except that the read waits for what comes next, up to kReadTick: the arrival
         // then wakes this thread inside its read, with no wait before it. Only one thread reads
         // this way at a time, and only on a socket whose reads are bounded: Watch when this
         // taker must wait (socket() and its own signal) and read with readAndFile instead.
-        enum class Read { Done, Watch };
         Read readWaiting(const std::function<void(wire::Packet&)>& file);
         // Stops reading: the receive thread reads again once no taker does.
         void leave();
