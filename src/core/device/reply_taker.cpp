@@ -78,7 +78,7 @@ std::optional<Bytes> takeReading(DataPools& pools, std::uint32_t code, std::opti
     using clock = std::chrono::steady_clock;
     const auto start = clock::now();
     const auto file = [&pools](wire::Packet& p) { putToDataPool(pools, p.cmd, std::move(p.data)); };
-    for (;;) {
+    for (bool first = true;; first = false) {
         std::optional<double> left;
         if (limit) {
             left = std::chrono::duration<double>(*limit - (clock::now() - start)).count();
@@ -86,7 +86,8 @@ std::optional<Bytes> takeReading(DataPools& pools, std::uint32_t code, std::opti
         }
         // Nothing is read while a script holds the receive thread, nor while a queue with a bound
         // could make the filing wait: that wait would keep no time limit (the receive thread's does).
-        if (gate.locked() || pools.strm->anyBounded()) taker.leave();
+        // The first round was looked at above.
+        if (!first && (gate.locked() || pools.strm->anyBounded())) taker.leave();
         // Waiting inside the read saves a wait before it, on every reply. A time limit closer
         // than the reads' bound is waited out below instead, to the point.
         if ((!left || *left > std::chrono::duration<double>(transport::SocketHandle::kReadTick).count()) &&
