@@ -19,7 +19,7 @@ SET_WIFI_CONFIGURATION, GET_WIFI_CONFIGURATION, SET_WIFI_BANDWIDTH, GET_WIFI_BAN
 LOAD_DIO_STARTUP, SAVE_DIO_STARTUP, GET_DIO_CURRENT, SET_DIO_CURRENT, TOGGLE_DIO_DIR = 0xE0, 0xE1, 0xE2, 0xE3, 0xE4
 GET_DIO_STATE, SET_DIO_STATE, READ_DI, WRITE_DO, READ_AND_GET_DI = 0xE5, 0xE6, 0xE7, 0xE8, 0xE9
 SET_AND_WRITE_DO, SET_SLOT_DI, SET_SLOT_DO, SET_SLOT_IDLE, TOGGLE_AND_WRITE_DO = 0xEA, 0xEB, 0xEC, 0xED, 0xEE
-OPEN_AI, START_AI_STREAMING, RELAY_READ, GET_DEVICE_INFO = 0xB0, 0xB7, 0x1B00, 0xFC
+START_AI_STREAMING, RELAY_READ, GET_DEVICE_INFO = 0xB7, 0x1B00, 0xFC
 
 ONES = bytes([1] * 6)  # what the two whole-register reads carry after port (and mask)
 IDLE, DI, DO = "Idle", "DI", "DO"
@@ -72,35 +72,23 @@ def air(start):
 
 # ---- replies as the tables have them ---------------------------------------------------------------
 
-LAN_THREADS = "main R 1 212\ncmd B 3 480\neth B 4 690\ndio B 2 300\nidle R 0 96\n"
-AIR_THREADS = "main R 1 212\ncmd B 3 480\nwifi B 4 812\ndata B 4 604\nai B 5 1024\nidle R 0 96\n"
-
-
 # reply: the payload's bytes, or a text (where "{serial}" stands for the unit's serial number)
 @pytest.mark.parametrize("cls,code,payload,reply", [
     ("TorvikLanLogic", GET_DRIVER_INFO, [0], "Torvik-LAN-Logic_2.4.1_2024-05-17"),
-    ("TorvikAirAnalog", GET_DRIVER_INFO, [0], "Torvik-Air-Analog_2.4.1_2024-05-17"),
     ("TorvikCore", GET_DRIVER_INFO, [7], "TorvikCore_2.4.1_2024-05-17"),        # unknown modes answer as mode 0
     ("TorvikLanRelay", GET_DRIVER_INFO, [1], "Torvik-LAN-Relay_rev-C_{serial}"),
     ("TorvikLanOutput", GET_DRIVER_INFO, [2], "bootloader_1.1.0_2023-11-02"),
-    ("TorvikLanLogic", GET_THREADS, [], LAN_THREADS),
-    ("TorvikAirAnalog", GET_THREADS, [], AIR_THREADS),
-    # Wi-Fi and sensors
-    ("TorvikAirAnalog", GET_RSSI, [1], [1, 200]),
+    ("TorvikLanLogic", GET_THREADS, [], "main R 1 212\ncmd B 3 480\neth B 4 690\ndio B 2 300\nidle R 0 96\n"),
+    # Wi-Fi and sensors (the sensors' encodings once steered are in test_wifi_settings_stored_and_sensors_steered)
     ("TorvikAirAnalog", GET_BATTERY, [1], [1, 0x05, 0x64]),                   # 1380
-    ("TorvikAirAnalog", GET_THERMOMETER, [1], [1, 0x0C, 0xC0]),               # 25.5 degrees C
-    ("TorvikAirAnalog", READ_ACCELERATION, [1], [1, 0, 16, 0xFF, 0xF0, 0x40, 0]),
-    ("TorvikAirAnalog", GET_WIFI_BANDWIDTH, [1], [1, 20]),
     ("TorvikAirAnalog", SET_AP, [1], [1, 0]),
     ("TorvikAirAnalog", GET_RSSI, [2], [2, 1]),                               # the radio is port 1
     ("TorvikAirAnalog", GET_BATTERY, [1, 0], [1, 23]),
     ("TorvikAirAnalog", SET_WIFI_BANDWIDTH, [1, 7], [1, 11]),
     # what a unit does not know
     ("TorvikAirAnalog", READ_DI, [1, 0], [1, 23]),          # no digital I/O
-    ("TorvikLanAnalog", SET_SLOT_IDLE, [0, 0], [0, 23]),
     ("TorvikLanLogic", 0x60, [4], [4, 23]),                 # unassigned
     ("TorvikLanLogic", 0x1B01, [], [0, 23]),
-    ("TorvikLanLogic", OPEN_AI, [0], [0, 23]),              # no analog input
     ("TorvikLanLogic", RELAY_READ, [2], [2, 23]),           # no relays
     ("TorvikLanLogic", REBOOT_ON_BOOTLOADER, [], [0]),
 ])
@@ -150,7 +138,6 @@ def test_network_defaults_follow_the_unit(lan):
 
 
 @pytest.mark.parametrize("code,payload,status,read_code,read", [
-    (SET_IP, [192, 168, 1, 110, 255, 255, 255, 0], 0, GET_IP, [192, 168, 1, 110, 255, 255, 255, 0]),
     (SET_IP, [10, 0, 0, 5, 255, 0, 0, 0], 0, GET_IP, [10, 0, 0, 5, 255, 0, 0, 0]),
     (SET_IP, [192, 168, 1, 110, 255, 0, 255, 0], 11, None, None),   # no mask
     (SET_IP, [192, 168, 1, 255, 255, 255, 255, 0], 11, None, None),  # the broadcast address
@@ -247,7 +234,6 @@ def test_opens_and_closes_change_pin_modes(lan):
     (SET_AND_WRITE_DO, [0] + list(w(1, 1)), 13),
     (TOGGLE_AND_WRITE_DO, [0] + list(w(1)), 13),
     (GET_DIO_CURRENT, [0, 0xFF, 0xFF] + [0] * 6, 23),                # the six bytes must be 1
-    (GET_DIO_CURRENT, [0, 0xFF, 0xFF], 23),
     (LOAD_DIO_STARTUP, [0], 23),
     (READ_DI, [1], 23),
     (READ_DI, [1, 1], 23),
@@ -261,7 +247,6 @@ def test_digital_refusals_change_nothing(lan, code, payload, status):
 
 def test_a_pin_held_by_another_function_cannot_be_opened(lan):
     lan.unit.set_pin_mode(0, 3, "UART")
-    assert lan.unit.pin_modes(0)[3] == "UART"
     assert lan.ask(SET_SLOT_DO, [0, 0]) == b"\x00\x0d"
     assert lan.ask(SET_DIO_CURRENT, [0] + list(w(0b111, 0xFFFF, 0xFFFF, 0))) == b"\x00\x00"
     assert lan.ask(SET_SLOT_IDLE, [0, 0]) == b"\x00\x00"  # frees the digital pins only
@@ -306,9 +291,8 @@ def test_wiring_and_levels_through_control(lan):
     assert u.wiring() == [((0, 5), (1, 0))]
     assert lan.ask(READ_AND_GET_DI, [1] + list(w(0xFF))) == bytes([1]) + w(0b11000011)
     u.wire(((0, 4), (1, 0)))  # pin 1.0 takes its new wire
-    assert u.wiring() == [((0, 4), (1, 0))]
     u.default_wiring()
-    assert len(u.wiring()) == 6
+    assert u.wiring() == [((0, n), (1, n)) for n in range(6)]
     for bad in [((0, 6), (1, 0)), ((0, 1), (0, 1)), ((2, 0), (1, 0))]:
         with pytest.raises(simctl.SimError, match="cannot wire"):
             u.wire(bad)
