@@ -34,7 +34,7 @@ PACK = [
 
 
 @pytest.mark.parametrize("name,bits,signed", PACK)
-@pytest.mark.parametrize("value", [0, 1, -1, 255, 256, 2**15, 2**16 + 3, 2**31, -2**31 - 1, 2**63, 2**64 + 5, -2**70, True])
+@pytest.mark.parametrize("value", [0, -1, 256, 2**15, 2**31, -2**31 - 1, 2**63, 2**64 + 5, -2**70, True])
 def test_integer_casts_wrap_modulo_width(name, bits, signed, value):
     out = getattr(t, name)(value)
     assert out == list((int(value) % 2**bits).to_bytes(bits // 8, "big"))

@@ -12,11 +12,9 @@ ERROR_ROWS = [
     ("AIRateNotVaildError", -8210, "The specified AI sampling rate is invalid."),
     ("CANSpeedNotVaildError", -8702, "The specified CAN speed mode from Torvik DAQ is invalid."),
     ("CANTXNotVaildError", -8793, "The specified CAN TX is invalid."),
-    ("CANTXPriorityNotVaildError", -8794, "The specified CAN TX priority is invalid."),
     ("SPIDataLengthExceedMAXError", -8502, "The length of data exceeds maximum transfer length of SPI."),
     ("PinsValueNotDefineError", -8010, "Inconsistency between the number of pins & the number of values."),
     ("FirmwareHolder1Error", -7008, "Firmware error placeholder."),
-    ("FirmwareHolder2Error", -7012, "Firmware error placeholder."),
 ]
 
 
@@ -94,7 +92,7 @@ def test_check_firmware_error_passes_unknown_statuses(status):
 
 @pytest.mark.parametrize("status,name", [
     (1, "FirmwareEnableError"), (2, "FirmwarePinError"), (12, "FirmwareHolder2Error"), (23, "FirmwareCommandsError"),
-    (1.0, "FirmwareEnableError"), (True, "FirmwareEnableError"), (5.0, "FirmwareI2CError"),
+    (True, "FirmwareEnableError"), (5.0, "FirmwareI2CError"),
 ])
 def test_check_firmware_error_raises_by_value(status, name):
     with pytest.raises(getattr(t, name)) as info:

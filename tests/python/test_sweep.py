@@ -65,8 +65,10 @@ def sweep(tmp_path, plan, limit):
     return count, problems
 
 
-def full_selected(request):
-    return "sweep_full" in (request.config.option.markexpr or "")
+@pytest.fixture
+def full_only(request):
+    if "sweep_full" not in (request.config.option.markexpr or ""):
+        pytest.skip("the full argument sweep runs with -m sweep_full")
 
 
 def connected_units(sim, usb_unit, classes_net, classes_usb):
@@ -107,15 +109,11 @@ def test_connected_sweep(tmp_path, sim, usb_unit):
 
 
 @pytest.mark.sweep_full
-def test_full_unconnected_sweep(tmp_path, request):
-    if not full_selected(request):
-        pytest.skip("the full argument sweep runs with -m sweep_full")
+def test_full_unconnected_sweep(tmp_path, full_only):
     check(*sweep(tmp_path, {"mode": "unconnected", "full": True, "broadcast": loopback_only()}, 3600))
 
 
 @pytest.mark.sweep_full
-def test_full_connected_sweep(tmp_path, request, sim, usb_unit):
-    if not full_selected(request):
-        pytest.skip("the full argument sweep runs with -m sweep_full")
+def test_full_connected_sweep(tmp_path, full_only, sim, usb_unit):
     units = connected_units(sim, usb_unit, NETWORK_UNITS, usb_classes())
     check(*sweep(tmp_path, {"mode": "connected", "full": True, "broadcast": False, "units": units}, 7200))
