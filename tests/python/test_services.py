@@ -192,5 +192,3 @@ def test_pin_mode_above_nine_fails_in_the_lookup_and_maps_are_live(on):
         assert dev._checkDOPort(5) is True
     finally:
         del dev.do_dict[5]
-    assert dev._getPinIndexInList([3, 3, 1]) == [3, 3, 1] and dev._getPinIndexInList(5) == [0, 2]
-    assert dev._getPinIndexInInt([0, 2]) == 5 and dev._getPinIndexInInt(7) == 7
