@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <thread>
 #include <utility>
 
 #include "wire/commands.hpp"
@@ -225,7 +226,7 @@ std::vector<wire::Packet> NetworkClient::readBurst(SocketHandle& sock, std::size
     std::size_t have = 0;
     for (;;) {
         if (burst_.size() < have + step) burst_.resize(have + step);
-        const long n = pf::receive(sock.fd(), burst_.data() + have, step, wait && have == 0);
+        const long n = wait && have == 0 ? receiveWaiting(sock, step) : pf::receive(sock.fd(), burst_.data() + have, step, false);
         if (n < 0) {
             const int err = pf::lastSocketError();
             if (pf::isWouldBlock(err) || have > 0) break;  // an error is reported by the next read
@@ -249,6 +250,23 @@ std::vector<wire::Packet> NetworkClient::readBurst(SocketHandle& sock, std::size
     });
     flowing_ = std::any_of(packets.begin(), packets.end(), [](const wire::Packet& p) { return wire::isStreamingCommand(p.cmd); });
     return packets;
+}
+
+long NetworkClient::receiveWaiting(SocketHandle& sock, std::size_t step) {
+    using clock = std::chrono::steady_clock;
+    if (glance_.due()) {
+        const auto until = clock::now() + Glance::kMoment;
+        for (;;) {
+            const long n = pf::receive(sock.fd(), burst_.data(), step, false);
+            if (n >= 0 || !pf::isWouldBlock(pf::lastSocketError())) return n;
+            const auto before = clock::now();
+            if (before >= until) break;
+            std::this_thread::yield();
+            if (clock::now() - before >= Glance::kYielded) break;
+        }
+        glance_.missed();
+    }
+    return pf::receive(sock.fd(), burst_.data(), step, true);
 }
 
 void NetworkClient::standAside() {

@@ -167,16 +167,39 @@ protected:
     std::shared_ptr<SocketHandle> sock_;
     std::optional<double> timeout_;
 
+    // A thread about to block for a reply first looks for it for a moment, yielding the core
+    // between looks: a nearby unit answers within tens of microseconds, and a core that went to
+    // sleep meanwhile takes as long again to wake. The look ends early when the core went to
+    // another thread (the unit, or anyone, runs on this core: blocking lets it run sooner). A
+    // look that found nothing, or ended that way, is not tried again for the next kRest waits.
+    class Glance {
+    public:
+        static constexpr std::chrono::microseconds kMoment{50};
+        static constexpr std::chrono::microseconds kYielded{5};  // a yield that long ran someone else
+        static constexpr int kRest = 64;
+        bool due() {
+            if (rest_ == 0) return true;
+            --rest_;
+            return false;
+        }
+        void missed() { rest_ = kRest; }
+
+    private:
+        int rest_ = 0;
+    };
+
 private:
     // The burst that is there, read without waiting (with `wait`, its first read waits as a
-    // blocking receive does); read lock held.
+    // blocking receive does, after a Glance); read lock held.
     std::vector<wire::Packet> readBurst(SocketHandle& sock, std::size_t length, bool wait = false);
+    long receiveWaiting(SocketHandle& sock, std::size_t step);
 
     // The reads' state, written under read_m_ (flowing_ is also looked at before a wait).
     std::mutex read_m_;
     std::vector<std::uint8_t> burst_;
     std::atomic<bool> flowing_{false};  // the last read took stream data
     std::vector<wire::Packet> held_;    // frames a taker could not file, to the receive thread
+    Glance glance_;
     std::atomic<bool> refused_{false};  // a taker could not file a frame: takers read no more
     // The receive thread's wait while takers read: until a tick of kLinger passed without
     // takers, or until a send or a taker that leaves finds others waiting for a reply.
