@@ -14,7 +14,7 @@
 
 namespace torvik::py_binding {
 
-void registerEngineClientType(py::handle type);
+void registerEngineClientTypes(py::module_& m);
 
 namespace {
 py::module_* g_module = nullptr;  // leaked: threads may use it during shutdown
@@ -73,7 +73,7 @@ PYBIND11_MODULE(pytorvik, m) {
     tb::bindClient(m);
     tb::bindNetworkClients(m);
     tb::bindUsbClient(m);
-    for (const char* name : {"NetworkClient", "TCPClient", "UDPClient", "USBClient"}) tb::registerEngineClientType(m.attr(name));
+    tb::registerEngineClientTypes(m);
     tb::aio::bindAio(m);
     tb::bindGate(m);
     tb::bindPools(m);

@@ -13,6 +13,8 @@
 
 namespace torvik::transport {
 
+class NetworkClient;
+
 class Client {
 public:
     Client() = default;
@@ -22,6 +24,9 @@ public:
 
     // Sends one frame as this transport does (any thread). A bare client has no transport.
     virtual void sendPacket(std::span<const std::uint8_t>) { throw std::logic_error("client without a transport"); }
+    // This client as a network client, or null: asked on every request, where a dynamic_cast
+    // costs a noticeable share.
+    virtual NetworkClient* network() noexcept { return nullptr; }
 
     // Runs fn(splitter) under the stream's mutex.
     template <typename Fn>

@@ -87,6 +87,7 @@ private:
 
 class NetworkClient : public Client {
 public:
+    NetworkClient* network() noexcept override { return this; }
     // The open socket, or null for "no socket".
     std::shared_ptr<SocketHandle> socket() const;
     // Applies a receive time limit (seconds; nullopt blocks without limit). No effect without a socket.
@@ -176,7 +177,7 @@ protected:
     public:
         static constexpr std::chrono::microseconds kMoment{50};
         static constexpr std::chrono::microseconds kYielded{5};  // a yield that long ran someone else
-        static constexpr int kRest = 64;
+        static constexpr int kRest = 256;
         bool due() {
             if (rest_ == 0) return true;
             --rest_;

@@ -9,6 +9,7 @@
 #include "aio/op.hpp"
 #include "bindings.hpp"
 #include "blocking.hpp"
+#include "exact_cast.hpp"
 #include "platform/socket.hpp"
 
 namespace torvik::py_binding::aio {
@@ -321,7 +322,9 @@ py::object currentLoop() {
         }
         Py_DECREF(loaded);
     }
-    return asyncio().running_loop_or_none();
+    PyObject* loop = PyObject_CallObject(asyncio().running_loop_or_none.ptr(), nullptr);
+    if (loop == nullptr) throw py::error_already_set();
+    return py::reinterpret_steal<py::object>(loop);
 }
 
 Co<> awaitCompletion(const py::object& loop, const std::function<void(Finished)>& start) {
@@ -461,7 +464,8 @@ AsyncOp::~AsyncOp() {
 }
 
 py::object run(const py::object& operation) {
-    const bool ours = py::isinstance<AsyncOp>(operation);
+    AsyncOp* mine = exactly<AsyncOp>(operation);
+    const bool ours = mine != nullptr || py::isinstance<AsyncOp>(operation);
     if (!ours && !PyCoro_CheckExact(operation.ptr()))
         throw py::type_error("pytorvik.run() needs an operation of this library (what an _async method returns) or a "
                              "coroutine, not " + std::string(py::str(py::type::handle_of(operation).attr("__name__"))));
@@ -472,7 +476,7 @@ py::object run(const py::object& operation) {
     BlockingScope blocking;
     // One of ours that has not started runs as it is; anything else as awaiting it would.
     Co<> body;
-    if (ours) body = py::cast<AsyncOp&>(operation).takeBody();
+    if (ours) body = (mine != nullptr ? *mine : py::cast<AsyncOp&>(operation)).takeBody();
     if (!body) body = awaitObject(operation);
     OpState state;
     body.handle().promise().op = &state;

@@ -1,12 +1,16 @@
 #include "args.hpp"
 #include "blocking.hpp"
 #include "device/device_binding.hpp"
+#include "exact_cast.hpp"
 
 namespace torvik::py_binding {
 
 using device::Gate;
 
-std::shared_ptr<Gate> gateOf(py::handle gate) { return py::cast<std::shared_ptr<Gate>>(gate); }
+std::shared_ptr<Gate> gateOf(py::handle gate) {
+    const std::shared_ptr<Gate>* held = exactHolder<Gate>(gate);
+    return held != nullptr ? *held : py::cast<std::shared_ptr<Gate>>(gate);
+}
 
 py::object newGate(bool held) { return py::cast(std::make_shared<Gate>(held)); }
 

@@ -1,11 +1,13 @@
 // Packet: the request/reply layer every module class derives from. It has no state of its own;
 // it uses the client and the pools of the connection base in the same object.
-#include <unordered_set>
+#include <type_traits>
+#include <unordered_map>
 
 #include "aio/op.hpp"
 #include "device/reply_taker.hpp"
 #include "args.hpp"
 #include "device/device_binding.hpp"
+#include "exact_cast.hpp"
 #include "measure/signal_queue.hpp"
 #include "pyclass.hpp"
 #include "transport/client.hpp"
@@ -39,10 +41,27 @@ const Names& names() {
     return *n;
 }
 
-// Python types of our own transports: their sendPacket can be called in the engine directly.
-std::unordered_set<PyTypeObject*>& engineClientTypes() {
-    static auto* types = new std::unordered_set<PyTypeObject*>();
+// Python classes of our own transports (exactly those, not a script's subclasses): their
+// sendPacket is called in the engine directly. Each with the way to its engine client.
+struct EngineClientType {
+    std::shared_ptr<transport::Client> (*client)(py::handle);
+    bool usb;
+};
+std::unordered_map<PyTypeObject*, EngineClientType>& engineClientTypes() {
+    static auto* types = new std::unordered_map<PyTypeObject*, EngineClientType>();
     return *types;
+}
+
+template <class T>
+std::shared_ptr<transport::Client> engineClient(py::handle h) {
+    const std::shared_ptr<T>* held = exactHolder<T>(h);
+    return held != nullptr ? *held : py::cast<std::shared_ptr<transport::Client>>(h);
+}
+
+template <class T>
+void addEngineClientType(py::module_& m, const char* name) {
+    engineClientTypes()[reinterpret_cast<PyTypeObject*>(m.attr(name).ptr())] =
+        EngineClientType{&engineClient<T>, std::is_same_v<T, transport::UsbClient>};
 }
 
 std::optional<std::vector<std::uint8_t>> smallBytes(py::handle data) {
@@ -99,13 +118,15 @@ py::list preparePacket(py::handle cmd, py::handle data_out) {
 // wait for each of them in turn). Anything else goes through its Python sendPacket.
 Co<> sendCommand(py::object self, py::object cmd, py::object data_out) {
     py::object client = self.attr(names().client_cmd);
-    if (engineClientTypes().count(Py_TYPE(client.ptr())) > 0) {
+    const auto& types = engineClientTypes();
+    if (auto type = types.find(Py_TYPE(client.ptr())); type != types.end()) {
         auto code = smallCode(cmd);
         auto payload = code ? smallBytes(data_out) : std::nullopt;
         if (payload) {
             auto frame = w::buildFrame(*code, *payload);
-            auto transport = py::cast<std::shared_ptr<transport::Client>>(client);
-            if (auto usb = std::dynamic_pointer_cast<transport::UsbClient>(transport)) {
+            auto transport = type->second.client(client);
+            if (type->second.usb) {
+                auto usb = std::static_pointer_cast<transport::UsbClient>(transport);
                 if (py::object loop = aio::currentLoop(); !loop.is_none()) {
                     co_await aio::awaitCompletion(loop, [&usb, &frame](aio::Finished done) {
                         usb->sendPacketLater(std::move(frame), std::move(done));
@@ -141,18 +162,21 @@ aio::BlockingTake readingTake(py::handle self, const std::shared_ptr<device::Ech
     if (!aio::blocking()) return {};
     py::object core = py::getattr(self, names().core, py::none());
     py::object gate = py::getattr(self, names().recv_cmd_lock, py::none());
-    if (!py::isinstance<HandleCore>(core) || !py::isinstance<device::Gate>(gate)) return {};
-    const HandleCore& hc = py::cast<const HandleCore&>(core);
-    auto client = std::dynamic_pointer_cast<transport::NetworkClient>(hc.cmd_slot->get());
+    const HandleCore* hc = exactly<HandleCore>(core);
+    if (hc == nullptr && py::isinstance<HandleCore>(core)) hc = &py::cast<const HandleCore&>(core);
+    if (hc == nullptr || (exactHolder<device::Gate>(gate) == nullptr && !py::isinstance<device::Gate>(gate))) return {};
+    std::shared_ptr<transport::Client> slot = hc->cmd_slot->get();
+    transport::NetworkClient* network = slot ? slot->network() : nullptr;
     // A script that swapped the pool waits on its own pool, which no read here fills.
-    if (!client || hc.core->pools.echo != pool) return {};
+    if (network == nullptr || hc->core->pools.echo != pool) return {};
+    std::shared_ptr<transport::NetworkClient> client(std::move(slot), network);
     struct Reading {
         Reading(std::shared_ptr<transport::NetworkClient> c, const std::atomic<int>* awaited)
             : client(std::move(c)), taker(*client, awaited) {}
         std::shared_ptr<transport::NetworkClient> client;
         transport::NetworkClient::Taker taker;  // let go before its client
     };
-    return [device_core = hc.core, reading = std::make_shared<Reading>(client, &pool->awaited()), gate = gateOf(gate)](
+    return [device_core = hc->core, reading = std::make_shared<Reading>(client, &pool->awaited()), gate = gateOf(gate)](
                std::uint32_t code, std::optional<std::chrono::nanoseconds> limit, device::AwaitedReply* announced) {
         return device::takeReading(device_core->pools, code, limit, announced, reading->taker, *gate);
     };
@@ -254,7 +278,12 @@ Co<> broadcastPacket(py::object self, py::object cmd, py::object data_out) {
 
 }  // namespace
 
-void registerEngineClientType(py::handle type) { engineClientTypes().insert(reinterpret_cast<PyTypeObject*>(type.ptr())); }
+void registerEngineClientTypes(py::module_& m) {
+    addEngineClientType<transport::NetworkClient>(m, "NetworkClient");
+    addEngineClientType<transport::TcpClient>(m, "TCPClient");
+    addEngineClientType<transport::UdpClient>(m, "UDPClient");
+    addEngineClientType<transport::UsbClient>(m, "USBClient");
+}
 
 void bindPacket(py::module_& m) {
     PyClass packet(m, "Packet", py::tuple(), "The request/reply layer: framing, sending, and waiting for replies.");

@@ -5,6 +5,7 @@
 #include "args.hpp"
 #include "blocking.hpp"
 #include "device/device_binding.hpp"
+#include "exact_cast.hpp"
 
 namespace torvik::py_binding {
 
@@ -169,7 +170,10 @@ py::object streamItemToPython(StreamItem&& item) {
     return py::none();
 }
 
-std::shared_ptr<device::EchoPool> echoPoolOf(py::handle v) { return py::cast<EchoView&>(v).pool; }
+std::shared_ptr<device::EchoPool> echoPoolOf(py::handle v) {
+    const EchoView* view = exactly<EchoView>(v);
+    return (view != nullptr ? *view : py::cast<EchoView&>(v)).pool;
+}
 std::shared_ptr<device::BcstPool> bcstPoolOf(py::handle v) { return py::cast<BcstView&>(v).pool; }
 std::shared_ptr<StreamQueue> streamQueueOf(py::handle q) {
     if (!py::isinstance<StreamQueue>(q)) return nullptr;
