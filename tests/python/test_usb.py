@@ -39,6 +39,7 @@ def test_listing_and_exact_serial_match(usb_unit, make_dev):
         with pytest.raises(t.USBConnectionError) as info:
             dev.connect(wrong, verbose=False)
         assert info.value.code == -8001
+    assert (dev.connect_status_cmd, dev.serial_num, dev.client_cmd, dev.recv_cmd_lock.locked()) == (False, None, None, True)
     assert dev.connect(a.serial, verbose=False) is True
     c = dev.client_cmd
     assert isinstance(c, t.USBClient) and (c.takeSerialNumber(), c.takeProductName()) == (a.serial, "Torvik-USB-Sink")
@@ -63,16 +64,6 @@ def test_two_units_with_one_serial_the_first_listed_is_taken(usb_unit, make_dev)
     dev = make_dev(TorvikUsbSink)
     dev.connect("DUP-1", verbose=False)
     assert dev.client_cmd.takeProductName() == first
-
-
-def test_failed_connect_leaves_the_object_reusable(usb_unit, make_dev):
-    unit = usb_unit()
-    dev = make_dev(TorvikUsbSink)
-    with pytest.raises(t.USBConnectionError):
-        dev.connect("NO-SUCH-UNIT")
-    assert (dev.connect_status_cmd, dev.serial_num, dev.client_cmd, dev.recv_cmd_lock.locked()) == (False, None, None, True)
-    assert dev.connect(unit.serial, verbose=False) is True
-    assert run(dev._echoPacketWithRetry_async(t.GET_DRIVER_INFO, [7])) == b"\x07\x00"
 
 
 def test_life_cycle_fresh_stream_and_printed_lines(usb_unit, make_dev, capsys):
@@ -108,7 +99,7 @@ def test_life_cycle_fresh_stream_and_printed_lines(usb_unit, make_dev, capsys):
 
 
 @pytest.mark.parametrize("via", ["operation", "client"])
-@pytest.mark.parametrize("payload,transfer", [(0, 64), (58, 64), (59, 65), (120, 126)])
+@pytest.mark.parametrize("payload,transfer", [(58, 64), (59, 65), (120, 126)])
 def test_frames_go_out_padded_to_64_or_whole(connected, via, payload, transfer):
     unit, dev = connected
     unit.clear_log()
@@ -169,12 +160,11 @@ def test_unplug_prints_the_error_repeatedly_but_not_in_a_spin(connected, capsys)
         with pytest.raises(asyncio.TimeoutError):
             await task
 
-    start = time.monotonic()
     run(scenario())
     lines = capsys.readouterr().out.splitlines()
-    elapsed = time.monotonic() - start
-    assert len(lines) >= 3 and set(lines) == {"USBError: [Errno -4] No such device (it may have been disconnected)"}
-    assert len(lines) < 60 * elapsed
+    # The failures back off to one line in 50 ms: some tens of lines in the 1.4 s wait, where a
+    # spinning thread would print thousands.
+    assert 3 <= len(lines) < 90 and set(lines) == {"USBError: [Errno -4] No such device (it may have been disconnected)"}
     with pytest.raises(t.USBError) as info:
         run(dev._echoPacketWithRetry_async(t.GET_DRIVER_INFO, [2]))  # the send fails with the raw error
     assert (info.value.code, type(info.value)) == (-4, t.USBError)
