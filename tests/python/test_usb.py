@@ -3,7 +3,6 @@ import asyncio
 import collections
 import subprocess
 import sys
-import threading
 import time
 
 import pytest
@@ -69,7 +68,6 @@ def test_two_units_with_one_serial_the_first_listed_is_taken(usb_unit, make_dev)
 def test_life_cycle_fresh_stream_and_printed_lines(usb_unit, make_dev, capsys):
     unit = usb_unit()
     dev = make_dev(TorvikUsbSink, verbose=True)
-    assert isinstance(dev.recv_cmd_thread, threading.Thread) and not dev.recv_cmd_thread.daemon
     assert dev.data_pool_strm2 is not dev.data_pool_strm and len(dev.data_pool_strm2.keys()) == 0
     assert dev.connect(unit.serial) is True
     first = dev.client_cmd
