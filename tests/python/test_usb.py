@@ -1,6 +1,5 @@
 """USB client and USB device against USB units of the emulator, through the real libusb."""
 import asyncio
-import collections
 import subprocess
 import sys
 import time
@@ -167,6 +166,7 @@ def test_unplug_prints_the_error_repeatedly_but_not_in_a_spin(connected, capsys)
         run(dev._echoPacketWithRetry_async(t.GET_DRIVER_INFO, [2]))  # the send fails with the raw error
     assert (info.value.code, type(info.value)) == (-4, t.USBError)
     assert dev.connect_status_cmd is True
+    wait_until(lambda: unit.serial not in listed_serials())  # the listing follows the unplug, and the replug below
     dev.disconnect(verbose=False)
     capsys.readouterr()
     time.sleep(0.1)
@@ -220,16 +220,6 @@ def test_client_reads_with_a_1_ms_limit(usb_unit):
     assert c.stream == bytes(64 - 8)  # the reply's padding waits for the next frame's cut
     del c
     unit.wait_disconnected()
-
-
-def test_listing_follows_hot_plug(usb_unit):
-    before = collections.Counter(listed_serials())
-    unit = usb_unit()
-    assert collections.Counter(listed_serials()) - before == collections.Counter([unit.serial])
-    unit.unplug()
-    wait_until(lambda: unit.serial not in listed_serials())
-    unit.replug()
-    wait_until(lambda: unit.serial in listed_serials())
 
 
 def test_the_node_of_an_unplugged_unit_answers_as_a_gone_device_however_often_it_is_opened(usb_unit):
