@@ -147,7 +147,7 @@ def stream(unit, code, counts_per_frame, frames, payload_prefix=b"\x00\x00"):
 
 def test_gate_worker_and_reader(on):
     dev, unit = on("analog")
-    assert dev.ai_lock.locked() and dev.ai_stream_thread.is_alive() and not dev.ai_stream_thread.daemon
+    assert dev.ai_lock.locked() and dev.ai_stream_thread.is_alive()
     counts = [1, -1, 32767, -32768, 1024, 0, 5, -5]
     volts = [round(c * RATIO, 4) for c in counts]
 

@@ -99,21 +99,3 @@ def logic_dev():
 def test_a_failing_comparison_in_a_mode_check_is_not_swallowed(logic_dev, op):
     port = sorted(logic_dev.uart_dict if op.startswith("UART") else logic_dev.SPI_dict)[0]
     assert type(bad(getattr(logic_dev, op), port, BadEq(1))) is ArithmeticError
-
-
-def test_a_failing_truth_value_reaches_the_caller(tmp_path):
-    logger = t.DataLogger()
-    try:
-        e = bad(logger.Logger_openFile, str(tmp_path / "x.csv"), clear_old=BadBool())
-        assert type(e) is ArithmeticError
-    finally:  # ends the worker of a logger never opened
-        logger.killed = True
-        logger.save_data_queue.put(None)
-        if logger.save_data_lock.locked():
-            logger.save_data_lock.release()
-        logger.save_data_thread.join(5)
-
-
-class BadBool:
-    def __bool__(self):
-        raise ArithmeticError("bool refused")

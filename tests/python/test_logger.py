@@ -63,16 +63,9 @@ def drain_and_close(lg):
     lg.save_data_thread.join(5)
 
 
-def test_class_and_fields(make_logger):
-    lg = make_logger()
-    assert lg.killed is False and lg.queue_timeout == 999999
-    assert isinstance(lg.save_data_thread, threading.Thread) and not lg.save_data_thread.daemon
-    assert lg.save_data_thread.is_alive() and lg.save_data_thread.name.endswith(" (_saveStreamingDataThread)")
-    assert lg.save_data_lock.locked()
-
-
 def test_file_bytes_match_csv_writer(make_logger, tmp_path):
     lg = make_logger()
+    assert not lg.save_data_thread.daemon and lg.save_data_thread.name.endswith(" (_saveStreamingDataThread)")
     fn = tmp_path / "a.csv"
     lg.Logger_writeValue(5)  # before the open: waits at the gate, written after it
     lg.Logger_openFile(str(fn), verbose=False)
@@ -141,6 +134,13 @@ def test_misuse(make_logger, tmp_path):
     lg.Logger_closeFile(verbose=False)
     with pytest.raises(FileNotFoundError):
         make_logger().Logger_openFile(str(tmp_path / "no" / "dir.csv"))
+    with pytest.raises(ArithmeticError):  # a failing truth value is passed on, not taken as false
+        make_logger().Logger_openFile(str(tmp_path / "3.csv"), clear_old=BadBool())
+
+
+class BadBool:
+    def __bool__(self):
+        raise ArithmeticError("bool refused")
 
 
 def test_subclass_override_takes_part(make_logger, tmp_path):

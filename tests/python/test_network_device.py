@@ -1,6 +1,5 @@
 """Life cycle of the network device bases against the emulator: gates, threads, printed lines."""
 import re
-import threading
 import time
 
 import pytest
@@ -19,19 +18,8 @@ def air(sim):
     return sim("TorvikAirAnalog").unit
 
 
-def test_composition_fields_threads_and_gates(make_dev):
-    dev = make_dev(Probe)
-    assert (dev.killed, dev.ip_addr, dev.connect_status_cmd, dev.client_cmd.socket) == (False, None, False, 0)
-    t = dev.recv_cmd_thread
-    assert isinstance(t, threading.Thread) and not t.daemon and t.is_alive() and "_recvCMDThread" in t.name
-    gate = dev.recv_cmd_lock
-    assert gate.locked() and not gate.acquire(False) and not gate.acquire(timeout=0.01)
-    with pytest.raises(KeyError):
-        dev._getDeviceName()
-
-
-# Every thread is named as threading names a thread with a target from Python 3.10 on, on older
-# interpreters too.
+# Every thread is a non-daemon thread, named as threading names a thread with a target from
+# Python 3.10 on, on older interpreters too.
 @pytest.mark.parametrize("handle,bodies", [
     ("TorvikAirAnalog", {"recv_cmd_thread": "_recvCMDThread", "recv_data_thread": "_recvDataThread",
                          "ai_stream_thread": "_AIStreamThread"}),
@@ -43,6 +31,7 @@ def test_threads_are_named_for_their_bodies(handle, bodies, capsys):
     dev = getattr(pytorvik, handle)()
     try:
         names = {field: getattr(dev, field).name for field in bodies}
+        assert not [field for field in bodies if getattr(dev, field).daemon]
     finally:
         dev.close()
     numbers = set()
@@ -85,6 +74,9 @@ def test_close_without_connect_ends_the_thread_silently(make_dev, capsys, cls, l
 
 def test_refused_connect_leaves_the_object_reusable(lan, loopback_addr, make_dev):
     dev = make_dev(Probe)
+    assert (dev.killed, dev.client_cmd.socket) == (False, 0)
+    with pytest.raises(KeyError):
+        dev._getDeviceName()  # a class no product is named after
     with pytest.raises(pytorvik.NetworkConnectionError) as info:
         dev.connect(loopback_addr, port=lan.cmd_port, verbose=False)
     assert info.value.code == -8002

@@ -211,19 +211,15 @@ BAD = [
     ("_Thermal_writeOffset_async", (1, 0, "1.0"), t.InputTypeNotCorrectError),
     ("Thermal_setJunctionOn_async", (1, 0, 1), t.InputTypeNotCorrectError),
 ]
+# Channel 2 is refused by every channel operation.
+BAD += [(op, (1, 2) + extra, t.ThermalChipSelectNotAvaliableError) for op, extra in [
+    ("Thermal_setType_async", (3,)), ("Thermal_getStatus_async", ()), ("Thermal_readSensor_async", ()),
+    ("_Thermal_writeOffset_async", (1.0,)), ("Thermal_setJunctionOn_async", (True,))]]
 
 
 @pytest.mark.parametrize("op,args,error", BAD)
 def test_bad_arguments_fail_before_anything_is_sent(on, op, args, error):
     check_refused(*on("tc", open_port=0), op, args, error)
-
-
-@pytest.mark.parametrize("op,extra", [
-    ("Thermal_setType_async", (3,)), ("Thermal_getStatus_async", ()), ("Thermal_readSensor_async", ()),
-    ("_Thermal_writeOffset_async", (1.0,)), ("Thermal_setJunctionOn_async", (True,)),
-])
-def test_channel_2_is_refused_by_every_channel_operation(on, op, extra):
-    check_refused(*on("tc"), op, (1, 2) + extra, t.ThermalChipSelectNotAvaliableError)
 
 
 # ---- relay counters --------------------------------------------------------------------------

@@ -1,9 +1,7 @@
 """USB client and USB device against USB units of the emulator, through the real libusb."""
 import asyncio
-import collections
 import subprocess
 import sys
-import threading
 import time
 
 import pytest
@@ -39,6 +37,7 @@ def test_listing_and_exact_serial_match(usb_unit, make_dev):
         with pytest.raises(t.USBConnectionError) as info:
             dev.connect(wrong, verbose=False)
         assert info.value.code == -8001
+    assert (dev.connect_status_cmd, dev.serial_num, dev.client_cmd, dev.recv_cmd_lock.locked()) == (False, None, None, True)
     assert dev.connect(a.serial, verbose=False) is True
     c = dev.client_cmd
     assert isinstance(c, t.USBClient) and (c.takeSerialNumber(), c.takeProductName()) == (a.serial, "Torvik-USB-Sink")
@@ -65,20 +64,9 @@ def test_two_units_with_one_serial_the_first_listed_is_taken(usb_unit, make_dev)
     assert dev.client_cmd.takeProductName() == first
 
 
-def test_failed_connect_leaves_the_object_reusable(usb_unit, make_dev):
-    unit = usb_unit()
-    dev = make_dev(TorvikUsbSink)
-    with pytest.raises(t.USBConnectionError):
-        dev.connect("NO-SUCH-UNIT")
-    assert (dev.connect_status_cmd, dev.serial_num, dev.client_cmd, dev.recv_cmd_lock.locked()) == (False, None, None, True)
-    assert dev.connect(unit.serial, verbose=False) is True
-    assert run(dev._echoPacketWithRetry_async(t.GET_DRIVER_INFO, [7])) == b"\x07\x00"
-
-
 def test_life_cycle_fresh_stream_and_printed_lines(usb_unit, make_dev, capsys):
     unit = usb_unit()
     dev = make_dev(TorvikUsbSink, verbose=True)
-    assert isinstance(dev.recv_cmd_thread, threading.Thread) and not dev.recv_cmd_thread.daemon
     assert dev.data_pool_strm2 is not dev.data_pool_strm and len(dev.data_pool_strm2.keys()) == 0
     assert dev.connect(unit.serial) is True
     first = dev.client_cmd
@@ -108,7 +96,7 @@ def test_life_cycle_fresh_stream_and_printed_lines(usb_unit, make_dev, capsys):
 
 
 @pytest.mark.parametrize("via", ["operation", "client"])
-@pytest.mark.parametrize("payload,transfer", [(0, 64), (58, 64), (59, 65), (120, 126)])
+@pytest.mark.parametrize("payload,transfer", [(58, 64), (59, 65), (120, 126)])
 def test_frames_go_out_padded_to_64_or_whole(connected, via, payload, transfer):
     unit, dev = connected
     unit.clear_log()
@@ -169,16 +157,16 @@ def test_unplug_prints_the_error_repeatedly_but_not_in_a_spin(connected, capsys)
         with pytest.raises(asyncio.TimeoutError):
             await task
 
-    start = time.monotonic()
     run(scenario())
     lines = capsys.readouterr().out.splitlines()
-    elapsed = time.monotonic() - start
-    assert len(lines) >= 3 and set(lines) == {"USBError: [Errno -4] No such device (it may have been disconnected)"}
-    assert len(lines) < 60 * elapsed
+    # The failures back off to one line in 50 ms: some tens of lines in the 1.4 s wait, where a
+    # spinning thread would print thousands.
+    assert 3 <= len(lines) < 90 and set(lines) == {"USBError: [Errno -4] No such device (it may have been disconnected)"}
     with pytest.raises(t.USBError) as info:
         run(dev._echoPacketWithRetry_async(t.GET_DRIVER_INFO, [2]))  # the send fails with the raw error
     assert (info.value.code, type(info.value)) == (-4, t.USBError)
     assert dev.connect_status_cmd is True
+    wait_until(lambda: unit.serial not in listed_serials())  # the listing follows the unplug, and the replug below
     dev.disconnect(verbose=False)
     capsys.readouterr()
     time.sleep(0.1)
@@ -232,16 +220,6 @@ def test_client_reads_with_a_1_ms_limit(usb_unit):
     assert c.stream == bytes(64 - 8)  # the reply's padding waits for the next frame's cut
     del c
     unit.wait_disconnected()
-
-
-def test_listing_follows_hot_plug(usb_unit):
-    before = collections.Counter(listed_serials())
-    unit = usb_unit()
-    assert collections.Counter(listed_serials()) - before == collections.Counter([unit.serial])
-    unit.unplug()
-    wait_until(lambda: unit.serial not in listed_serials())
-    unit.replug()
-    wait_until(lambda: unit.serial in listed_serials())
 
 
 def test_the_node_of_an_unplugged_unit_answers_as_a_gone_device_however_often_it_is_opened(usb_unit):
