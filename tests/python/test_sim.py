@@ -355,15 +355,19 @@ def test_port_in_use_fails_before_ready(loopback_addr):
 
 
 def test_control_selection_and_errors(sim, loopback_addr):
-    s = sim("TorvikCore@%s:0,serial=AB12" % loopback_addr, "TorvikLanRelay@%s:0" % loopback_addr, "TorvikCoreMini")
+    s = sim("TorvikCore@%s:0,serial=AB12" % loopback_addr, "TorvikLanLogic@%s:0" % loopback_addr, "TorvikCoreMini")
     a, b, c = s.units
     assert (a.serial, b.serial, c.serial) == ("AB12", "99JA0002", "99JA0003")
     assert s.request("units").split(";")[0] == "TorvikCore %s cmd=%d data=- serial=AB12" % (a.addr, a.cmd_port)
     s.request("drop AB12 1")
     s.request("stats %s" % c.addr)
+    c.use_firmware("echo")
     for line, err in [("stats %s" % a.addr, "several units"), ("stats nobody", "no unit"), ("fly AB12", "unknown"),
                       ("reply AB12 0xF0 zz", "bad hex"), ("reply AB12 NOT_A_CODE 00", "bad code"),
-                      ("status AB12 300 next=1", "bad status"), ("delay AB12 -1", "bad seconds"), ("", "empty")]:
+                      ("status AB12 300 next=1", "bad status"), ("delay AB12 -1", "bad seconds"), ("", "empty"),
+                      # requests the firmware model answers, where the unit lacks what they need
+                      ("sensors AB12 rssi=-50", "no on-board sensors"), ("pinmode 99JA0002 1.0 DO", "cannot be DO"),
+                      ("clock AB12 2023-02-30T00:00:00", "bad date"), ("wiring 99JA0003", "echo firmware")]:
         with pytest.raises(simctl.SimError, match=err):
             s.request(line)
 
