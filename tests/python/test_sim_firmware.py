@@ -215,8 +215,6 @@ def test_opens_and_closes_change_pin_modes(lan):
     assert u.pin_modes(0)[:3] == [IDLE, IDLE, DO]
     assert lan.ask(SET_SLOT_IDLE, [1, 0]) == b"\x01\x00"
     assert u.pin_modes(1) == [IDLE] * 8
-    assert lan.ask(SET_SLOT_DO, [0, 0]) == b"\x00\x00"
-    assert u.pin_modes(0) == [DO] * 6
 
 
 # 13: not allowed now; 23: not the request's layout. Neither changes anything.
