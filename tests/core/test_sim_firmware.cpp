@@ -38,6 +38,7 @@ TEST(UsbFirmware, KnowsNoNetworkNorRadio) {
     EXPECT_EQ(u.ask(wire::GET_IP), (Bytes{0, 23}));
     EXPECT_EQ(u.ask(wire::GET_RSSI, {1}), (Bytes{1, 23}));
     EXPECT_EQ(u.ask(wire::GET_SERIAL_NUMBER), (Bytes{'S', 'E', 'R', 'I', 'A', 'L', '0', '1'}));
+    EXPECT_EQ(u.fw.statusIndex(wire::SET_DATE_TIME), 0u);
 }
 
 TEST(UsbFirmware, SinkLoopsItsOutputPortsToItsInputPorts) {

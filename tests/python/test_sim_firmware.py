@@ -106,7 +106,7 @@ def test_control_holds_the_clock(lan):
     lan.unit.set_clock("2023-07-04T09:05:00", run=False)
     assert lan.unit.clock() == ("2023-07-04T09:05:00", False)
     assert lan.ask(GET_DATE_TIME, bytes(6)) == bytes([123, 7, 4, 9, 5, 0])
-    for date, status in [([123, 13, 1, 0, 0, 0], 11), ([123, 1, 1], 23)]:
+    for date, status in [([123, 1, 1, 24, 0, 0], 11), ([123, 1, 1], 23)]:
         assert lan.ask(SET_DATE_TIME, date) == bytes([status]), date
     assert lan.unit.clock()[1] is False  # refused sets change nothing
     lan.ask(SET_DATE_TIME, [100, 1, 1, 0, 0, 0])  # a set from the host makes it run
