@@ -65,10 +65,9 @@ def connect(unit, port=None):
     return s
 
 
-def echo(*units):
-    for u in units:
-        u.use_firmware("echo")
-    return units[0]
+def echo(unit):
+    unit.use_firmware("echo")
+    return unit
 
 
 @pytest.fixture
