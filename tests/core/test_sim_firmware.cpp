@@ -39,7 +39,6 @@ TEST(UsbFirmware, KnowsNoNetworkNorRadio) {
     EXPECT_EQ(u.ask(wire::GET_RSSI, {1}), (Bytes{1, 23}));
     EXPECT_EQ(u.ask(wire::GET_SERIAL_NUMBER), (Bytes{'S', 'E', 'R', 'I', 'A', 'L', '0', '1'}));
     EXPECT_EQ(u.fw.statusIndex(wire::SET_DATE_TIME), 0u);
-    EXPECT_EQ(u.fw.statusIndex(wire::SET_DIO_STATE), 1u);
 }
 
 TEST(UsbFirmware, SinkLoopsItsOutputPortsToItsInputPorts) {

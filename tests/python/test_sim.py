@@ -13,6 +13,7 @@ import time
 import pytest
 
 from pytorvik import simctl
+from test_libusb_loading import can_hide_files
 
 GET_DRIVER_INFO = 0xF0
 READ_DI = 0xE7
@@ -64,10 +65,9 @@ def connect(unit, port=None):
     return s
 
 
-def echo(*units):
-    for u in units:
-        u.use_firmware("echo")
-    return units[0]
+def echo(unit):
+    unit.use_firmware("echo")
+    return unit
 
 
 @pytest.fixture
@@ -88,20 +88,18 @@ def _deliveries():
     a, b, c = request(READ_DI, b"\x01\x02\r\n\x02"), request(RELAY_READ, b""), request(OPEN_CAN, b"\x30\x0d")
     whole = a + b + c
     return {
-        # (slicing anywhere and zero padding are in the random streams below)
-        "junk first": ([b"junk\r\n" + whole], 6),
-        "false start, huge length": ([b"\x02\xff\xff" + whole], 3),
-        "false start, length waits": ([b"\x02\x01\x30\xf0" + whole], 4),
-        "wrong length": ([request(READ_DI, b"\x09", length=5) + whole], 6),
-        "unit's length rule": ([bytes.fromhex("0200041b0001000d0a") + whole], 6),
+        # (junk, slicing anywhere and zero padding are in the random stream below)
+        "false start, huge length": (b"\x02\xff\xff" + whole, 3),
+        "false start, length waits": (b"\x02\x01\x30\xf0" + whole, 4),
+        "wrong length": (request(READ_DI, b"\x09", length=5) + whole, 6),
+        "unit's length rule": (bytes.fromhex("0200041b0001000d0a") + whole, 6),
     }
 
 
 @pytest.mark.parametrize("name", list(_deliveries()))
-def test_requests_survive_any_slicing_and_junk(core, host, name):
-    chunks, junk = _deliveries()[name]
-    for chunk in chunks:
-        host.sendall(chunk)
+def test_requests_survive_false_starts(core, host, name):
+    stream, junk = _deliveries()[name]
+    host.sendall(stream)
     expected = [(READ_DI, b"\x01\x02\r\n\x02"), (RELAY_READ, b""), (OPEN_CAN, b"\x30\x0d")]
     frames = core.wait_frames(3, timeout=2)
     assert [(f.code, f.payload) for f in frames] == expected
@@ -110,9 +108,8 @@ def test_requests_survive_any_slicing_and_junk(core, host, name):
     assert core.stats()["junk"] == junk
 
 
-@pytest.mark.parametrize("junk", [False, True])
-def test_random_streams_are_cut_exactly(core, host, junk):
-    rng = random.Random(20261123 + junk)
+def test_random_stream_with_junk_is_cut_exactly(core, host):
+    rng = random.Random(20261124)
     codes = [c for c in range(0x31, 0x100) if c not in STREAMING | BROADCAST] + [OPEN_CAN, RELAY_READ, SET_AO_MODE]
     noise = [b for b in range(1, 256) if b != 2]  # junk without a start byte cannot hide a frame
     sent, stream, junk_bytes = [], b"", 0
@@ -121,7 +118,7 @@ def test_random_streams_are_cut_exactly(core, host, junk):
         payload = bytes(rng.choice([0, 2, 10, 13, 0x30, rng.randrange(256)]) for _ in range(rng.randrange(12)))
         sent.append((code, payload))
         gap = bytes(rng.choice([0, 0, 5, 40]))
-        if junk and rng.random() < 0.3:
+        if rng.random() < 0.3:
             gap += bytes(rng.choice(noise) for _ in range(rng.randrange(1, 8)))
             junk_bytes += len(gap) - gap.count(0)
         stream += gap + request(code, payload)
@@ -163,9 +160,7 @@ def test_scripted_replies(core, host):
     host.sendall(request(READ_DI, b"\x01"))
     exchange(host, request(RELAY_READ), reply(RELAY_READ, b"\x09"))
     core.default_reply(READ_DI)
-    core.default_reply(RELAY_READ)
     exchange(host, request(READ_DI, b"\x04"), reply(READ_DI, b"\x04\x00"))
-    exchange(host, request(RELAY_READ, b"\x04"), reply(RELAY_READ, b"\x04\x00"))
 
 
 def test_stream_and_discovery_codes_are_not_echoed(core, host):
@@ -238,27 +233,13 @@ def test_replies_of_a_closed_connection_are_lost(core, host):
     assert core.stats()["lost"] == 2
 
 
-def test_clear_faults(core, host):
-    core.drop(5)
-    core.status(3, code=READ_DI)
-    core.set_reply(GET_DRIVER_INFO, None)
-    core.clear_faults()
-    barrier(host)
-    exchange(host, request(READ_DI, b"\x01"), reply(READ_DI, b"\x01\x00"))
-
-
 # ---- unsolicited bytes ------------------------------------------------------------------------
 
-@pytest.mark.parametrize("code,payload,wire", [
-    (GET_DRIVER_INFO, b"\x01", "020002f0010d0a"),
-    (RELAY_READ, b"\xab", "0200031b00ab0d0a"),
-    (OPEN_CAN, b"", "02000200300d0a"),
-])
-def test_send_frame_and_raw_bytes(core, host, code, payload, wire):
-    core.send_frame(code, payload)
+def test_send_frame_and_raw_bytes(core, host):
+    core.send_frame(RELAY_READ, b"\xab")
     core.send_raw(b"\x02\x00")  # raw bytes go out as given
     core.send_raw(b"\x09\x0d")
-    assert recv_exactly(host, len(wire) // 2 + 4) == bytes.fromhex(wire) + b"\x02\x00\x09\x0d"
+    assert recv_exactly(host, 12) == bytes.fromhex("0200031b00ab0d0a") + b"\x02\x00\x09\x0d"
 
 
 def test_data_connection_of_a_wifi_unit(sim):
@@ -292,16 +273,12 @@ def test_shutdown_sends_eof_and_keeps_reading(core, host):
     assert [f.link for f in core.log()] == [1, 2]
 
 
-def test_reset_and_reconnect(core, host):
+def test_reset(core, host):
     core.reset()
     with pytest.raises(ConnectionResetError):
         host.recv(10)
     core.wait_disconnected(timeout=1)
-    with connect(core) as again:
-        core.wait_accepted(2)
-        barrier(again)
-    core.wait_disconnected()
-    assert core.connections() == (2, 0)
+    assert core.connections() == (1, 0)
 
 
 def test_replies_go_to_the_connection_that_asked(core):
@@ -313,21 +290,6 @@ def test_replies_go_to_the_connection_that_asked(core):
         assert recv_exactly(first, 8) == reply(READ_DI, b"\x01\x00")
         core.send_raw(b"\xff")  # unsolicited bytes take the newest connection
         assert second.recv(1) == b"\xff"
-
-
-def test_units_are_independent(sim):
-    s = sim("TorvikCore", "TorvikLanLogic")
-    a, b = s.units
-    echo(a, b)
-    assert a.addr != b.addr
-    a.set_reply(GET_DRIVER_INFO, None)
-    with connect(a) as ha, connect(b) as hb:
-        ha.sendall(request(GET_DRIVER_INFO))
-        barrier(hb)
-        a.default_reply(GET_DRIVER_INFO)
-        barrier(ha)
-    assert [f.payload for f in a.log()] == [b"", b"\xee"]
-    assert [f.payload for f in b.log()] == [b"\xee"]
 
 
 def test_wait_is_answered_by_the_event(core):
@@ -388,23 +350,21 @@ def test_port_in_use_fails_before_ready(loopback_addr):
 
 
 def test_control_selection_and_errors(sim, loopback_addr):
-    s = sim("TorvikCore@%s:0,serial=AB12" % loopback_addr, "TorvikLanRelay@%s:0" % loopback_addr, "TorvikCoreMini")
+    s = sim("TorvikCore@%s:0,serial=AB12" % loopback_addr, "TorvikLanLogic@%s:0" % loopback_addr, "TorvikCoreMini")
     a, b, c = s.units
     assert (a.serial, b.serial, c.serial) == ("AB12", "99JA0002", "99JA0003")
     assert s.request("units").split(";")[0] == "TorvikCore %s cmd=%d data=- serial=AB12" % (a.addr, a.cmd_port)
     s.request("drop AB12 1")
     s.request("stats %s" % c.addr)
+    c.use_firmware("echo")
     for line, err in [("stats %s" % a.addr, "several units"), ("stats nobody", "no unit"), ("fly AB12", "unknown"),
                       ("reply AB12 0xF0 zz", "bad hex"), ("reply AB12 NOT_A_CODE 00", "bad code"),
-                      ("status AB12 300 next=1", "bad status"), ("delay AB12 -1", "bad seconds"), ("", "empty")]:
+                      ("status AB12 300 next=1", "bad status"), ("delay AB12 -1", "bad seconds"), ("", "empty"),
+                      # requests the firmware model answers, where the unit lacks what they need
+                      ("sensors AB12 rssi=-50", "no on-board sensors"), ("pinmode 99JA0002 1.0 DO", "cannot be DO"),
+                      ("clock AB12 2023-02-30T00:00:00", "bad date"), ("wiring 99JA0003", "echo firmware")]:
         with pytest.raises(simctl.SimError, match=err):
             s.request(line)
-
-
-@pytest.mark.skipif(os.geteuid() != 0, reason="ports 7 and 1336 need root")
-def test_default_ports(sim, loopback_addr):
-    air = sim("TorvikAirAnalog@" + loopback_addr).unit
-    assert (air.cmd_port, air.data_port) == (7, 1336)
 
 
 def test_sigterm_ends_cleanly_and_removes_the_socket(core):
@@ -426,7 +386,6 @@ sys.exit(int(sys.argv[1]))
 
 
 @pytest.mark.parametrize("command,code,message", [
-    ([sys.executable, "-c", CHILD, "0"], 0, ""),
     ([sys.executable, "-c", CHILD, "7"], 7, ""),
     (["/nonexistent/torvik-test-command"], 127, "cannot run"),
 ])
@@ -444,12 +403,6 @@ def test_child_mode_passes_sigterm_on():
             pass
         p.send_signal(signal.SIGTERM)
         assert p.wait(timeout=5) == 128 + signal.SIGTERM
-
-
-def can_hide_files():
-    if not sys.platform.startswith("linux") or os.geteuid() != 0:
-        return False
-    return subprocess.run(["unshare", "-m", "true"], stderr=subprocess.DEVNULL).returncode == 0
 
 
 def loaded_umockdev():
