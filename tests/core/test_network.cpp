@@ -394,3 +394,25 @@ TEST(Backoff, GrowsToACap) {
     EXPECT_EQ(device::backoff(4), 4ms);
     EXPECT_EQ(device::backoff(100), 50ms);
 }
+
+TEST(Glance, LooksOnlyWhileClearlyFasterAndTriesTheOtherWayNowAndThen) {
+    using G = transport::NetworkClient::Glance;
+    auto run = [](G& g, int waits, double look_ns, double wait_ns) {
+        int looked = 0;
+        for (int i = 0; i < waits; ++i) {
+            const bool look = g.due();
+            looked += look;
+            g.record(look, look ? look_ns : wait_ns);
+        }
+        return looked;
+    };
+    G g;
+    EXPECT_EQ(run(g, G::kProbe - 1, 25e3, 40e3), G::kProbe - 2);  // one try of each way, then looking
+    EXPECT_EQ(run(g, G::kProbe, 25e3, 40e3), G::kProbe - 1);      // waiting tried once more
+    // The unit moved to this core: looking is now slower; within a probe or two it stops.
+    run(g, 3 * G::kProbe, 60e3, 32e3);
+    EXPECT_EQ(run(g, G::kProbe, 60e3, 32e3), 1);
+    // Faster by less than a tenth is not worth the looks.
+    G close;
+    EXPECT_EQ(run(close, 4 * G::kProbe, 30e3, 32e3), 1 + 4);  // the first try and the probes
+}

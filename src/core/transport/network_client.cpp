@@ -254,19 +254,37 @@ std::vector<wire::Packet> NetworkClient::readBurst(SocketHandle& sock, std::size
 
 long NetworkClient::receiveWaiting(SocketHandle& sock, std::size_t step) {
     using clock = std::chrono::steady_clock;
-    if (glance_.due()) {
+    const bool look = glance_.due();
+    long n = -1;
+    bool wait = true, shared = false;
+    if (look) {
         const auto until = clock::now() + Glance::kMoment;
         for (;;) {
-            const long n = pf::receive(sock.fd(), burst_.data(), step, false);
-            if (n >= 0 || !pf::isWouldBlock(pf::lastSocketError())) return n;
+            n = pf::receive(sock.fd(), burst_.data(), step, false);
+            if (n >= 0 || !pf::isWouldBlock(pf::lastSocketError())) {
+                wait = false;
+                break;
+            }
             const auto before = clock::now();
             if (before >= until) break;
             std::this_thread::yield();
-            if (clock::now() - before >= Glance::kYielded) break;
+            if (clock::now() - before >= Glance::kYielded) {
+                shared = true;
+                break;
+            }
         }
-        glance_.missed();
     }
-    return pf::receive(sock.fd(), burst_.data(), step, true);
+    if (wait) n = pf::receive(sock.fd(), burst_.data(), step, true);
+    if (n > 0) {
+        // Another thread's later send makes a sample negative: left out. A far unit's long
+        // replies count as long, not longer: both ways then come out alike, and waiting is taken.
+        // Looks that gave the core away count double: the unit then mostly shares this core, and
+        // the turn it got cost the next request its wake-up, which no sample of this one shows.
+        const std::int64_t now = std::chrono::duration_cast<std::chrono::nanoseconds>(clock::now().time_since_epoch()).count();
+        const std::int64_t taken = now - sent_at_.load();
+        if (taken >= 0) glance_.record(look, static_cast<double>(std::min<std::int64_t>(taken, 10'000'000)) * (shared ? 2 : 1));
+    }
+    return n;
 }
 
 void NetworkClient::standAside() {
@@ -383,6 +401,7 @@ void NetworkClient::sendPacket(std::span<const std::uint8_t> bytes) {
     auto sock = requireSocket("send");
     sock->stopBatching();  // its reply must wake the reader at once
     if (takers_.load() == 0 && aside_.load()) resumeReader();  // nobody else would read it
+    sent_at_ = std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch()).count();
     if (pf::sendBytes(sock->fd(), bytes.data(), bytes.size()) < 0) throwLastError("send");
 }
 

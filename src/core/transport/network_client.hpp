@@ -88,6 +88,32 @@ private:
 class NetworkClient : public Client {
 public:
     NetworkClient* network() noexcept override { return this; }
+    // A thread about to block for a reply may first look for it for a moment, yielding the core
+    // between looks: a nearby unit answers within tens of microseconds, and a core that went to
+    // sleep meanwhile takes as long again to wake. That pays only while the unit runs on another
+    // core that stays awake; on this core (the emulator beside a script) the looks only delay it,
+    // and a far unit answers too late. Where the unit runs is the system's choice and changes, so
+    // both ways are measured (send to reply, averaged), the faster is taken, looking only when
+    // clearly faster, and the other is tried again every kProbe waits.
+    class Glance {
+    public:
+        static constexpr std::chrono::microseconds kMoment{50};
+        static constexpr std::chrono::microseconds kYielded{5};  // a yield that long ran someone else
+        static constexpr int kProbe = 256;
+        bool due() {
+            const bool looking = avg_[1] == 0 || (avg_[0] != 0 && avg_[1] < avg_[0] * 0.9);
+            return ++waits_ % kProbe == 0 ? !looking : looking;
+        }
+        void record(bool looked, double round_trip_ns) {
+            double& avg = avg_[looked ? 1 : 0];
+            avg = avg == 0 ? round_trip_ns : avg + (round_trip_ns - avg) / 4;
+        }
+
+    private:
+        double avg_[2] = {0, 0};  // waiting, looking first; 0 until measured
+        unsigned waits_ = 0;
+    };
+
     // The open socket, or null for "no socket".
     std::shared_ptr<SocketHandle> socket() const;
     // Applies a receive time limit (seconds; nullopt blocks without limit). No effect without a socket.
@@ -168,27 +194,6 @@ protected:
     std::shared_ptr<SocketHandle> sock_;
     std::optional<double> timeout_;
 
-    // A thread about to block for a reply first looks for it for a moment, yielding the core
-    // between looks: a nearby unit answers within tens of microseconds, and a core that went to
-    // sleep meanwhile takes as long again to wake. The look ends early when the core went to
-    // another thread (the unit, or anyone, runs on this core: blocking lets it run sooner). A
-    // look that found nothing, or ended that way, is not tried again for the next kRest waits.
-    class Glance {
-    public:
-        static constexpr std::chrono::microseconds kMoment{50};
-        static constexpr std::chrono::microseconds kYielded{5};  // a yield that long ran someone else
-        static constexpr int kRest = 256;
-        bool due() {
-            if (rest_ == 0) return true;
-            --rest_;
-            return false;
-        }
-        void missed() { rest_ = kRest; }
-
-    private:
-        int rest_ = 0;
-    };
-
 private:
     // The burst that is there, read without waiting (with `wait`, its first read waits as a
     // blocking receive does, after a Glance); read lock held.
@@ -201,6 +206,7 @@ private:
     std::atomic<bool> flowing_{false};  // the last read took stream data
     std::vector<wire::Packet> held_;    // frames a taker could not file, to the receive thread
     Glance glance_;
+    std::atomic<std::int64_t> sent_at_{0};  // steady clock, ns: the last send's start
     std::atomic<bool> refused_{false};  // a taker could not file a frame: takers read no more
     // The receive thread's wait while takers read: until a tick of kLinger passed without
     // takers, or until a send or a taker that leaves finds others waiting for a reply.
